@@ -1,0 +1,40 @@
+// Test support: every test process gets its own shared-memory prefix, and multi-process tests
+// re-run the test binary itself as a child whose role an environment variable selects.
+#pragma once
+
+#include <sys/types.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace Tracing::Test {
+
+// The TRACE_PREFIX of this test process (parent and its children share it).
+const std::string& ShmPrefix();
+
+using ChildRole = std::function<int(const std::vector<std::string>& args)>;
+
+// Registers a role that a child started by SpawnChild can take; use PAXLTRACE_CHILD_ROLE.
+bool RegisterChildRole(const char* name, ChildRole role);
+
+// Starts this test binary again as a child running `role` with `args`; returns its pid.
+pid_t SpawnChild(const std::string& role, const std::vector<std::string>& args = {});
+
+// Waits for a child; returns its exit code, or 128 + signal number when it was killed.
+int WaitChild(pid_t pid);
+
+// Waits up to timeoutMs for `condition`, polling every millisecond.
+bool WaitFor(const std::function<bool()>& condition, int timeoutMs);
+
+}  // namespace Tracing::Test
+
+#define PAXLTRACE_CHILD_ROLE_CONCAT2(a, b) a##b
+#define PAXLTRACE_CHILD_ROLE_CONCAT(a, b) PAXLTRACE_CHILD_ROLE_CONCAT2(a, b)
+// Defines a child role: PAXLTRACE_CHILD_ROLE(HoldLock) { ...; return 0; } — `args` holds the arguments.
+#define PAXLTRACE_CHILD_ROLE(name)                                                                  \
+    static int PAXLTRACE_CHILD_ROLE_CONCAT(ChildRole_, name)(const std::vector<std::string>& args); \
+    static const bool PAXLTRACE_CHILD_ROLE_CONCAT(childRoleRegistered_, name) =                     \
+        ::Tracing::Test::RegisterChildRole(#name, &PAXLTRACE_CHILD_ROLE_CONCAT(ChildRole_, name));  \
+    static int PAXLTRACE_CHILD_ROLE_CONCAT(ChildRole_,                                              \
+                                           name)([[maybe_unused]] const std::vector<std::string>& args)
