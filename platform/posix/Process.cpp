@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <limits>
 
 namespace Tracing::Platform {
 
@@ -17,7 +18,8 @@ int64_t CurrentProcessId() {
 
 ProcessState QueryProcess(int64_t pid, uint64_t& creationTime) {
     creationTime = 0;
-    if (pid <= 0)
+    // A pid read from shared memory may be anything: kill(0 or -1, 0) would address a group.
+    if (pid <= 0 || pid > std::numeric_limits<pid_t>::max())
         return ProcessState::NotFound;
     char path[64];
     std::snprintf(path, sizeof path, "/proc/%lld/stat", static_cast<long long>(pid));

@@ -1,0 +1,201 @@
+#include "Trace/Ipc/TraceIpcLock.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <new>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "TestSupport.h"
+#include "platform/Thread.h"
+
+using Tracing::TraceIpcLock;
+using Tracing::TraceProcessData;
+using namespace Tracing::Test;
+
+namespace {
+
+// What the processes of one test share.
+struct Shared {
+    TraceIpcLock lock;
+    uint32_t ready;    // holders or counting threads that have started
+    uint32_t go;       // start signal for the counting threads
+    uint32_t release;  // tells a holding child to unlock
+    uint64_t counter;  // guarded by lock, deliberately not atomic
+};
+
+std::atomic_ref<uint32_t> Word(uint32_t& word) {
+    return std::atomic_ref<uint32_t>(word);
+}
+
+// Maps the Shared block of a named object; spawned children open it by its name.
+Shared& MapShared(const std::string& name, int flags) {
+    const int fd = shm_open(name.c_str(), flags, 0600);
+    if (fd < 0 || ((flags & O_CREAT) != 0 && ftruncate(fd, sizeof(Shared)) != 0))
+        std::abort();
+    void* address = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    close(fd);
+    if (address == MAP_FAILED)
+        std::abort();
+    return *static_cast<Shared*>(address);
+}
+
+// The test's own block, unlinked at the end.
+struct SharedBlock {
+    std::string name = "/" + ShmPrefix() + "_lock";
+    Shared& shared = MapShared(name, O_RDWR | O_CREAT | O_EXCL);
+    ~SharedBlock() { shm_unlink(name.c_str()); }
+};
+
+// While gtest captures standard error into a file, the file as it stands so far.
+bool StderrContains(const std::string& text) {
+    std::ifstream in("/proc/self/fd/2");
+    return std::string(std::istreambuf_iterator<char>(in), {}).find(text) != std::string::npos;
+}
+
+// Starts with the other three threads, then counts under the lock. Read and write lie apart so
+// that a lock that lets two in loses counts.
+void AddUnderLock(Shared& shared, int iterations) {
+    Word(shared.ready).fetch_add(1);
+    while (Word(shared.go).load() == 0)
+        Tracing::Platform::YieldThread();
+    for (int i = 0; i < iterations; ++i) {
+        shared.lock.Lock(__FILE__, __LINE__);
+        const uint64_t value = shared.counter;
+        for (int spin = 0; spin < 20; ++spin)
+            asm volatile("" ::: "memory");
+        shared.counter = value + 1;
+        shared.lock.Unlock();
+    }
+}
+
+constexpr int Iterations = 50000;
+
+std::string Pid(int64_t pid) {
+    return "(ProcessID: " + std::to_string(pid) + ")";
+}
+
+}  // namespace
+
+// Takes the lock and keeps it until told to release it, or killed.
+PAXLTRACE_CHILD_ROLE(HoldLock) {
+    Shared& shared = MapShared(args.at(0), O_RDWR);
+    shared.lock.Lock();
+    Word(shared.ready).fetch_add(1);
+    while (Word(shared.release).load() == 0)
+        Tracing::Platform::SleepMs(1);
+    shared.lock.Unlock();
+    return 0;
+}
+
+PAXLTRACE_CHILD_ROLE(AddFromTwoThreads) {
+    Shared& shared = MapShared(args.at(0), O_RDWR);
+    std::thread other([&] { AddUnderLock(shared, Iterations); });
+    AddUnderLock(shared, Iterations);
+    other.join();
+    return 0;
+}
+
+TEST(TraceIpcLock, UncontendedUseAndStrayUnlock) {
+    TraceIpcLock lock;
+    lock.Lock();
+    EXPECT_EQ(lock.GetState(), 1u);
+    lock.Unlock();
+    EXPECT_EQ(lock.GetState(), 2u);
+    EXPECT_EQ(lock.GetOwner(), TraceProcessData::GetCurrent()) << "release keeps the last owner";
+
+    testing::internal::CaptureStderr();
+    lock.Unlock();
+    const std::string warning = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(lock.GetState(), 2u);
+    EXPECT_NE(warning.find("WARNING: TraceIpcLock in " + Pid(getpid()) +
+                           " detected unexpected unlocked state, current lock owner " + Pid(getpid())),
+              std::string::npos)
+        << warning;
+}
+
+TEST(TraceIpcLock, OwnerUnderARecycledProcessIdIsTakenOver) {
+    // As another process would leave it: held, the owner our own ID with another creation time.
+    const TraceProcessData& self = TraceProcessData::GetCurrent();
+    const TraceProcessData stale(self.GetPID(), self.GetCreationTime() + 1);
+    alignas(TraceIpcLock) unsigned char memory[sizeof(TraceIpcLock)] = {41};
+    std::memcpy(memory + sizeof memory - sizeof stale, &stale, sizeof stale);
+    auto* lock = std::launder(reinterpret_cast<TraceIpcLock*>(memory));
+    ASSERT_EQ(lock->GetOwner(), stale);
+    lock->Lock();
+    EXPECT_EQ(lock->GetState(), 43u);
+    EXPECT_EQ(lock->GetOwner(), self);
+}
+
+TEST(TraceIpcLock, LockOfAKilledHolderIsTakenOver) {
+    SharedBlock block;
+    Shared& shared = block.shared;
+    const pid_t child = SpawnChild("HoldLock", {block.name});
+    ASSERT_TRUE(WaitFor([&] { return Word(shared.ready).load() == 1; }, 10000));
+    const uint32_t held = shared.lock.GetState();
+    EXPECT_EQ(shared.lock.GetOwner().GetPID(), child);
+    ASSERT_EQ(kill(child, SIGKILL), 0);
+    EXPECT_EQ(WaitChild(child), 128 + SIGKILL);
+
+    shared.lock.Lock();
+    EXPECT_EQ(shared.lock.GetState(), held + 2) << "a take-over keeps the word odd";
+    EXPECT_EQ(shared.lock.GetOwner(), TraceProcessData::GetCurrent());
+}
+
+TEST(TraceIpcLock, LiveHolderBlocksWithPeriodicWarnings) {
+    SharedBlock block;
+    Shared& shared = block.shared;
+    const pid_t child = SpawnChild("HoldLock", {block.name});
+    ASSERT_TRUE(WaitFor([&] { return Word(shared.ready).load() == 1; }, 10000));
+    const uint32_t held = shared.lock.GetState();
+
+    testing::internal::CaptureStderr();
+    std::atomic<bool> acquired{false};
+    std::thread waiter([&] {
+        shared.lock.Lock("here.cpp", 77);
+        acquired = true;
+    });
+    // The first warning comes after 200 passes of at least 10 ms each.
+    EXPECT_TRUE(WaitFor(
+        [&] {
+            return StderrContains("WARNING: TraceIpcLock in " + Pid(getpid()) + " blocked by lock owner " +
+                                  Pid(child) + " from here.cpp line 77");
+        },
+        60000));
+    EXPECT_FALSE(acquired);
+    Word(shared.release).store(1);
+    waiter.join();
+    EXPECT_EQ(WaitChild(child), 0);
+    EXPECT_EQ(shared.lock.GetState(), held + 2) << "released once, acquired once";
+    // Having counted 200 passes, the waiter reports them when it finally gets the lock.
+    const std::string output = testing::internal::GetCapturedStderr();
+    EXPECT_NE(output.find("current owner " + Pid(child) + " took "), std::string::npos) << output;
+    EXPECT_NE(output.find(" iterations from here.cpp line 77"), std::string::npos);
+}
+
+TEST(TraceIpcLock, ExcludesThreadsOfTwoProcesses) {
+    SharedBlock block;
+    Shared& shared = block.shared;
+    const pid_t child = SpawnChild("AddFromTwoThreads", {block.name});
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 2; ++i)
+        threads.emplace_back([&] { AddUnderLock(shared, Iterations); });
+    EXPECT_TRUE(WaitFor([&] { return Word(shared.ready).load() == 4; }, 10000));
+    Word(shared.go).store(1);
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(WaitChild(child), 0);
+    EXPECT_EQ(shared.counter, 4u * Iterations);
+    // Two steps per acquisition: a take-over would show up as extra steps.
+    EXPECT_EQ(shared.lock.GetState(), 2u * 4u * Iterations);
+}
