@@ -78,6 +78,32 @@ PAXLTRACE_API char* trace_param_format(const char* format, unsigned long long bi
 PAXLTRACE_API const char* trace_severity_to_string(unsigned severity);
 PAXLTRACE_API unsigned trace_severity_from_string(const char* text);
 
+/*
+ * Process-wide configuration. Best called before the first engine is created: buffers keep the
+ * sizes and timestamp mode they were created with; only name changes reach them later.
+ */
+PAXLTRACE_API void trace_config_init(const char* system, const char* application, unsigned timestampMode,
+                                     unsigned streamSize, unsigned maxBuffers, unsigned maxModules);
+PAXLTRACE_API const char* trace_config_get_system(void);
+PAXLTRACE_API void trace_config_set_system(const char* system);
+PAXLTRACE_API const char* trace_config_get_application(void);
+PAXLTRACE_API void trace_config_set_application(const char* application);
+PAXLTRACE_API unsigned trace_config_get_severity(void);
+PAXLTRACE_API void trace_config_set_severity(unsigned severity);
+PAXLTRACE_API unsigned trace_config_get_timestamp_mode(void);
+PAXLTRACE_API void trace_config_set_timestamp_mode(unsigned timestampMode);
+/* The three size setters store the built-in default when given 0. */
+PAXLTRACE_API unsigned trace_config_get_stream_size(void);
+PAXLTRACE_API void trace_config_set_stream_size(unsigned streamSize);
+PAXLTRACE_API unsigned trace_config_get_max_buffers(void);
+PAXLTRACE_API void trace_config_set_max_buffers(unsigned maxBuffers);
+PAXLTRACE_API unsigned trace_config_get_max_modules(void);
+PAXLTRACE_API void trace_config_set_max_modules(unsigned maxModules);
+PAXLTRACE_API unsigned trace_config_get_buffer_close_wait_ms(void);
+PAXLTRACE_API void trace_config_set_buffer_close_wait_ms(unsigned milliseconds);
+PAXLTRACE_API bool trace_config_get_global_trace_id(void);
+PAXLTRACE_API void trace_config_set_global_trace_id(bool global);
+
 #ifdef __cplusplus
 }
 #endif

@@ -65,6 +65,32 @@ pid_t SpawnChild(const std::string& role, const std::vector<std::string>& args) 
     return pid;
 }
 
+pid_t SpawnChildExecutable(const std::string& executable, const std::string& role,
+                           const std::vector<std::string>& args) {
+    std::vector<std::string> argvStrings{executable};
+    argvStrings.insert(argvStrings.end(), args.begin(), args.end());
+    std::vector<char*> argv;
+    for (auto& a : argvStrings)
+        argv.push_back(a.data());
+    argv.push_back(nullptr);
+
+    std::vector<std::string> envStrings;
+    for (char** e = environ; *e != nullptr; ++e) {
+        if (std::string(*e).rfind(kRoleVariable, 0) != 0)
+            envStrings.emplace_back(*e);
+    }
+    envStrings.push_back(std::string(kRoleVariable) + "=" + role);
+    std::vector<char*> envp;
+    for (auto& e : envStrings)
+        envp.push_back(e.data());
+    envp.push_back(nullptr);
+
+    pid_t pid = -1;
+    if (posix_spawn(&pid, executable.c_str(), nullptr, nullptr, argv.data(), envp.data()) != 0)
+        return -1;
+    return pid;
+}
+
 int WaitChild(pid_t pid) {
     int status = 0;
     while (waitpid(pid, &status, 0) < 0) {

@@ -21,6 +21,10 @@ bool RegisterChildRole(const char* name, ChildRole role);
 // Starts this test binary again as a child running `role` with `args`; returns its pid.
 pid_t SpawnChild(const std::string& role, const std::vector<std::string>& args = {});
 
+// As SpawnChild, but starts `executable` (a copy of this test binary, for instance) instead.
+pid_t SpawnChildExecutable(const std::string& executable, const std::string& role,
+                           const std::vector<std::string>& args = {});
+
 // Waits for a child; returns its exit code, or 128 + signal number when it was killed.
 int WaitChild(pid_t pid);
 

@@ -1,0 +1,219 @@
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <sstream>
+#include <stdexcept>
+
+#include "TestSupport.h"
+#include "Trace/Engine/TraceConfigurationPrivate.h"
+#include "paxltrace.h"
+
+using namespace Tracing;
+namespace fs = std::filesystem;
+
+namespace {
+
+// A private directory for configuration files, removed with everything in it.
+class TempDir {
+public:
+    TempDir() {
+        std::string pattern = (fs::temp_directory_path() / "paxlconfXXXXXX").string();
+        // Never fall back to the working directory: the real test binaries live there.
+        if (::mkdtemp(pattern.data()) == nullptr)
+            throw std::runtime_error("mkdtemp failed");
+        m_path = pattern;
+    }
+    ~TempDir() {
+        std::error_code ignored;
+        fs::remove_all(m_path, ignored);
+    }
+    const fs::path& Path() const { return m_path; }
+
+private:
+    fs::path m_path;
+};
+
+using Environment = std::map<std::string, std::string>;
+
+std::unique_ptr<TraceConfigurationPrivate> Load(const Environment& environment, const std::string& fileText) {
+    TempDir dir;
+    const fs::path file = dir.Path() / "paxltrace.conf";
+    std::ofstream(file) << fileText;
+    return std::make_unique<TraceConfigurationPrivate>(
+        [&](const char* name) -> const char* {
+            const auto it = environment.find(name);
+            return it != environment.end() ? it->second.c_str() : nullptr;
+        },
+        file.string());
+}
+
+}  // namespace
+
+TEST(TraceConfigurationFile, LinesAreTrimmedSplitAtTheFirstEqualsAndLaterKeysWin) {
+    const auto values = Internal::ParseConfigurationText(
+        " TRACE_STREAM_SIZE = 65536 "
+        "\r\nTRACE_MAX_MODULES\n\tA\t=\tx=y\t\r\nB=1\nB=2\n# C=3\n=orphan\nD=");
+    const std::map<std::string, std::string> expected{
+        {"TRACE_STREAM_SIZE", "65536"}, {"A", "x=y"}, {"B", "2"}, {"# C", "3"}, {"", "orphan"}, {"D", ""}};
+    EXPECT_EQ(values, expected);
+}
+
+TEST(TraceConfigurationFile, EnvironmentHidesTheFileEvenWhenEmpty) {
+    const auto config =
+        Load({{"TRACE_MAX_MODULES", ""}, {"TRACE_PREFIX", "env"}},
+             "TRACE_MAX_MODULES=7\nTRACE_MAX_BUFFERS=9\nTRACE_PREFIX = file\ntrace_location=1\n");
+    EXPECT_EQ(config->GetMaxNumberOfModules(), 20u);
+    EXPECT_EQ(config->GetMaxNumberOfBuffers(), 9u);
+    EXPECT_EQ(config->GetShmPrefix(), "env_");
+    EXPECT_FALSE(config->GetTraceLocation()) << "keys are case-sensitive";
+
+    const TraceConfigurationPrivate noFile([](const char*) -> const char* { return nullptr; },
+                                           "/nonexistent/x");
+    EXPECT_EQ(noFile.GetShmUserGroupPrefix(), "PAXL ");
+    EXPECT_EQ(noFile.GetShmPrefix(), "");
+}
+
+TEST(TraceConfigurationVariables, NumbersFollowUnsignedScanWithZeroKeptOnlyForWaitAndSwitches) {
+    struct Case {
+        const char* value;
+        unsigned size, modules, closeWait;
+        int switchValue;  // -1: not converted, the defaults stay
+    };
+    // Sizes ignore 0 and garbage; the close wait and the switches take any converted number.
+    const Case cases[] = {
+        {"-1", 4294967295u, 4294967295u, 4294967295u, 1},
+        {"0", 1048576u, 20u, 0u, 0},
+        {"abc", 1048576u, 20u, 150u, -1},
+        {"", 1048576u, 20u, 150u, -1},
+        {" 65536kB", 65536u, 65536u, 65536u, 1},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.value);
+        const auto config = Load({{"TRACE_STREAM_SIZE", c.value},
+                                  {"TRACE_MAX_MODULES", c.value},
+                                  {"TRACE_BUFFER_CLOSE_WAIT_MS", c.value},
+                                  {"TRACE_GLOBAL_ID", c.value},
+                                  {"TRACE_LOCATION", c.value},
+                                  {"TRACE_NO_WINSVC", c.value}},
+                                 "TRACE_STREAM_SIZE=77777\nTRACE_MAX_BUFFERS=" + std::string(c.value) + "\n");
+        EXPECT_EQ(config->GetTraceStreamSize(), c.size);
+        EXPECT_EQ(config->GetMaxNumberOfModules(), c.modules);
+        EXPECT_EQ(config->GetMaxNumberOfBuffers(), c.modules == 20u ? 1000u : c.modules);
+        EXPECT_EQ(config->GetBufferCloseWaitMs(), c.closeWait);
+        EXPECT_EQ(config->GetGlobalTraceID(), c.switchValue != 0);
+        EXPECT_EQ(config->GetTraceLocation(), c.switchValue == 1);
+        EXPECT_EQ(config->GetNoWinSvc(), c.switchValue == 1);
+    }
+}
+
+TEST(TraceConfigurationVariables, NamesAndTexts) {
+    auto config = Load({{"TRACE_SEVERITY", "Debug"},
+                        {"TRACE_TIMESTAMP_MODE", "precise"},
+                        {"TRACE_USERGROUP", "ops"},
+                        {"TRACE_FTOK_DIR", "/var/tmp"}},
+                       "TRACE_PREFIX=abc\n");
+    EXPECT_EQ(config->GetSeverityFilter(), Severity::Debug);
+    EXPECT_EQ(config->GetTimestampMode(), TimestampMode::PRECISE);
+    EXPECT_EQ(config->GetShmPrefix(), "abc_");
+    EXPECT_EQ(config->GetShmUserGroupPrefix(), "ops ");
+    EXPECT_EQ(config->GetFtokDir(), "/var/tmp");
+
+    // Severity names are case-sensitive and "None" changes nothing; unknown modes change nothing.
+    for (const char* severity : {"debug", "None", "Loud"}) {
+        config = Load({{"TRACE_SEVERITY", severity}, {"TRACE_TIMESTAMP_MODE", "slow"}}, "");
+        EXPECT_EQ(config->GetSeverityFilter(), Severity::Info) << severity;
+        EXPECT_EQ(config->GetTimestampMode(), TimestampMode::OPTIMAL);
+    }
+}
+
+TEST(TraceConfigurationSetters, InitializeOnceKeepsAnEarlierSystemNameAndTakesModeZero) {
+    const auto config = Load({}, "");
+    const std::string executableName = config->GetApplicationName();
+    config->SetSystemName("A");
+    config->Initialize("B", nullptr, TimestampMode::NotSet, 0, 0, 5);
+    EXPECT_STREQ(config->GetSystemName(), "A");
+    EXPECT_EQ(config->GetApplicationName(), executableName);
+    EXPECT_EQ(config->GetTimestampMode(), TimestampMode::NotSet);
+    EXPECT_EQ(config->GetTraceStreamSize(), 1048576u);
+    EXPECT_EQ(config->GetMaxNumberOfModules(), 5u);
+
+    config->Initialize("C", "app", TimestampMode::FAST, 99999, 7, 8);
+    EXPECT_EQ(config->GetMaxNumberOfModules(), 5u) << "only the first Initialize counts";
+
+    const auto fresh = Load({}, "");
+    fresh->Initialize("B", "app", TimestampMode::FAST, 99999, 7, 8);
+    EXPECT_STREQ(fresh->GetSystemName(), "B");
+    EXPECT_STREQ(fresh->GetApplicationName(), "app");
+    EXPECT_EQ(fresh->GetTraceStreamSize(), 99999u);
+}
+
+TEST(TraceConfigurationSetters, CApiZeroSizesStoreDefaultsAndNamesAreCutAt32) {
+    trace_config_set_max_modules(0);
+    EXPECT_EQ(trace_config_get_max_modules(), 20u);
+    trace_config_set_stream_size(0);
+    EXPECT_EQ(trace_config_get_stream_size(), 1048576u);
+    trace_config_set_max_buffers(0);
+    EXPECT_EQ(trace_config_get_max_buffers(), 1000u);
+    trace_config_set_severity(99);
+    EXPECT_EQ(trace_config_get_severity(), 99u);
+    trace_config_set_buffer_close_wait_ms(0);
+    EXPECT_EQ(trace_config_get_buffer_close_wait_ms(), 0u);
+
+    const std::string forty = "0123456789abcdefghijklmnopqrstuvwxyzABCD";
+    trace_config_set_application(forty.c_str());
+    EXPECT_EQ(std::string(trace_config_get_application()), forty.substr(0, 32));
+    trace_config_set_system(forty.c_str());
+    EXPECT_EQ(std::string(trace_config_get_system()), forty.substr(0, 32));
+}
+
+TEST(TraceConfigurationSetters, SharedMemoryConsumptionFollowsTheConfiguredModuleCount) {
+    TraceConfigurationPrivate::GetInstance().SetMaxNumberOfModules(3);
+    std::ostringstream out;
+    TraceConfigurationPrivate::PrintSHMConsumption(out);
+    EXPECT_EQ(out.str(),
+              "The size of an entry in the trace registry is 80 bytes.\n"
+              "The size of the trace registry (1000 items) is 80152 bytes.\n\n"
+              "The size of a trace flag is 34 bytes.\n"
+              "The size of a trace module (28 flags) is 1004 bytes.\n"
+              "The size of a trace buffer (3 modules) is 3224 bytes.\n\n");
+}
+
+TEST(TraceConfigurationExecutable, NameDropsTheLastExtensionUnlessItStartsTheName) {
+    EXPECT_EQ(Internal::ExecutableNameFromPath("/opt/x.y/a.b.exe"), "a.b");
+    EXPECT_EQ(Internal::ExecutableNameFromPath("/opt/x.y/.hidden"), ".hidden");
+    EXPECT_EQ(Internal::ExecutableNameFromPath("/opt/x.y/tool"), "tool");
+    EXPECT_EQ(Internal::ExecutableNameFromPath("tool.bin"), "tool");
+    EXPECT_EQ(Internal::ConfigurationFilePathFor("/opt/bin/tool"), "/opt/bin/paxltrace.conf");
+    EXPECT_EQ(Internal::ConfigurationFilePathFor("tool"), "tool/paxltrace.conf");
+}
+
+PAXLTRACE_CHILD_ROLE(ReportConfiguration) {
+    const auto& config = TraceConfigurationPrivate::GetInstance();
+    std::ofstream(args.at(0)) << config.GetApplicationName() << '|' << config.GetShmPrefix() << '|'
+                              << config.GetMaxNumberOfModules() << '|' << config.GetShmUserGroupPrefix()
+                              << '|' << config.GetTraceLocation() << '\n';
+    return 0;
+}
+
+TEST(TraceConfigurationExecutable, FileBesideTheExecutableIsRead) {
+    TempDir dir;
+    const fs::path copy = dir.Path() / "conf.child.bin";
+    fs::copy_file("/proc/self/exe", copy);
+    fs::permissions(copy, fs::perms::owner_all);
+    std::ofstream(dir.Path() / "paxltrace.conf")
+        << "TRACE_MAX_MODULES = 7\nTRACE_USERGROUP=ops\nTRACE_PREFIX=file\nTRACE_LOCATION=1\n";
+    const fs::path output = dir.Path() / "out.txt";
+
+    const pid_t child =
+        Tracing::Test::SpawnChildExecutable(copy.string(), "ReportConfiguration", {output.string()});
+    ASSERT_GT(child, 0);
+    ASSERT_EQ(Tracing::Test::WaitChild(child), 0);
+
+    std::string line;
+    std::getline(std::ifstream(output), line);
+    EXPECT_EQ(line, "conf.child|" + Tracing::Test::ShmPrefix() + "_|7|ops |1");
+}
