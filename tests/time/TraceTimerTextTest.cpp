@@ -1,0 +1,164 @@
+// Timestamp texts: formatting, parsing and their round trip.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <ctime>
+#include <random>
+#include <string>
+
+#include "Trace/Time/TraceTimer.h"
+
+using namespace Tracing;
+
+namespace {
+
+// Each test runs in its own process, so the zone can be set before anything reads it.
+void UseTimeZone(const char* zone) {
+    setenv("TZ", zone, 1);
+    tzset();
+}
+
+constexpr uint64_t Units = 10000000;  // per second
+// 2024-03-05 06:07:08.123456 UTC, plus 7 in the 100 ns digit that no text shows.
+constexpr uint64_t Sample = 1709618828ULL * Units + 1234567;
+
+std::string Format(uint64_t timestamp, TimestampMode::Type mode) {
+    std::string text;
+    TraceTimer::Format(timestamp, text, mode);
+    return text;
+}
+
+std::string FormatTime(uint64_t timestamp, TimestampMode::Type mode) {
+    std::string text;
+    TraceTimer::FormatTime(timestamp, text, mode);
+    return text;
+}
+
+std::string FormatDiff(uint64_t difference) {
+    std::string text;
+    TraceTimer::FormatDiff(difference, text);
+    return text;
+}
+
+}  // namespace
+
+TEST(TraceTimerText, FormatsPerMode) {
+    UseTimeZone("UTC");
+    EXPECT_EQ(Format(Sample, TimestampMode::FAST), "2024.03.05 06:07:08.123");
+    EXPECT_EQ(Format(Sample, TimestampMode::PRECISE), "2024.03.05 06:07:08.123456");
+    EXPECT_EQ(Format(Sample, TimestampMode::OPTIMAL), "2024.03.05 06:07:08.123456");
+    EXPECT_EQ(Format(Sample, TimestampMode::NotSet), "2024.03.05 06:07:08.123456");
+    EXPECT_EQ(Format(Sample, TimestampMode::SEQ_ID), std::to_string(Sample));
+    EXPECT_EQ(FormatTime(Sample, TimestampMode::FAST), "06:07:08.123");
+    EXPECT_EQ(FormatTime(Sample, TimestampMode::PRECISE), "06:07:08.123456");
+    EXPECT_EQ(FormatTime(42, TimestampMode::SEQ_ID), "42");
+}
+
+TEST(TraceTimerText, OptimalResolutionAppliesToDatesOnly) {
+    UseTimeZone("UTC");
+    TraceTimer::SetTimestampOptimalFormat(TimestampMode::FAST);
+    EXPECT_EQ(Format(Sample, TimestampMode::OPTIMAL), "2024.03.05 06:07:08.123");
+    EXPECT_EQ(FormatTime(Sample, TimestampMode::OPTIMAL), "06:07:08.123456");
+    TraceTimer::SetTimestampOptimalFormat(TimestampMode::OPTIMAL);
+    EXPECT_EQ(Format(Sample, TimestampMode::OPTIMAL), "2024.03.05 06:07:08.123")
+        << "OPTIMAL itself is ignored";
+    TraceTimer::SetTimestampOptimalFormat(TimestampMode::PRECISE);
+    EXPECT_EQ(Format(Sample, TimestampMode::OPTIMAL), "2024.03.05 06:07:08.123456");
+}
+
+TEST(TraceTimerText, FormatDiffDoesNotWrapHours) {
+    EXPECT_EQ(FormatDiff(36000000000ULL * 25), "25:00:00.000");
+    EXPECT_EQ(FormatDiff(36000000000ULL + 2 * 600000000ULL + 3 * Units + 4 * 10000 + 5 * 10),
+              "01:02:03.004005");
+    EXPECT_EQ(FormatDiff(59 * 600000000ULL + 59 * Units + 999 * 10000), "00:59:59.999");
+    EXPECT_EQ(FormatDiff(9), "00:00:00.000") << "below a microsecond";
+}
+
+TEST(TraceTimerText, ParseTellsTheModeFromTheFraction) {
+    UseTimeZone("UTC");
+    TimestampMode::Type mode = TimestampMode::OPTIMAL;
+    const uint64_t second = 1709618828ULL * Units;
+
+    EXPECT_EQ(TraceTimer::Parse("2024.03.05 06:07:08.12", mode), second + 1200000);
+    EXPECT_EQ(mode, TimestampMode::FAST);
+    EXPECT_EQ(TraceTimer::Parse("2024.03.05 06:07:08.123", mode), second + 1230000);
+    EXPECT_EQ(mode, TimestampMode::FAST);
+    EXPECT_EQ(TraceTimer::Parse("2024.03.05 06:07:08.1234", mode), second + 1234000);
+    EXPECT_EQ(mode, TimestampMode::PRECISE);
+    EXPECT_EQ(TraceTimer::Parse("2024.03.05 06:07:08.1234567", mode), second + 1234567);
+    EXPECT_EQ(mode, TimestampMode::PRECISE);
+    EXPECT_EQ(TraceTimer::Parse("12345", mode), 12345u);
+    EXPECT_EQ(mode, TimestampMode::SEQ_ID);
+
+    for (const char* bad : {"2024.03.05 06:07:08.12345678", "2024.03.05 06:07:08.123 ",
+                            "2024.03.05 06:07:08.123x", "2024.03.05 06:07:08", "2024.03.05 06:07:08.",
+                            "12345 ", "12345abc", "", "1969.12.31 00:00:00.000"}) {
+        mode = TimestampMode::FAST;
+        EXPECT_EQ(TraceTimer::Parse(bad, mode), 0u) << bad;
+        EXPECT_EQ(mode, TimestampMode::NotSet) << bad;
+    }
+    mode = TimestampMode::FAST;
+    EXPECT_EQ(TraceTimer::Parse(nullptr, mode), 0u);
+    EXPECT_EQ(mode, TimestampMode::NotSet);
+    EXPECT_EQ(TraceTimer::Parse(std::string("12345\0"
+                                            "6",
+                                            7),
+                                mode),
+              0u)
+        << "the whole text must be read";
+    EXPECT_EQ(mode, TimestampMode::NotSet);
+}
+
+TEST(TraceTimerText, ParseReadsLocalTime) {
+    // Central Europe: UTC+1 in winter, UTC+2 in summer.
+    UseTimeZone("CET-1CEST,M3.5.0,M10.5.0/3");
+    TimestampMode::Type mode;
+    EXPECT_EQ(TraceTimer::Parse("2024.07.01 12:00:00.000", mode), 1719828000ULL * Units);
+    EXPECT_EQ(TraceTimer::Parse("2024.01.01 12:00:00.000", mode), 1704106800ULL * Units);
+    EXPECT_EQ(Format(1719828000ULL * Units, TimestampMode::FAST), "2024.07.01 12:00:00.000");
+    EXPECT_EQ(Format(1704106800ULL * Units, TimestampMode::FAST), "2024.01.01 12:00:00.000");
+}
+
+TEST(TraceTimerText, FormatThenParseRoundTrips) {
+    UseTimeZone("UTC");
+    std::mt19937_64 rng(12345);
+    // 1970 to about 2200.
+    std::uniform_int_distribution<uint64_t> timestamps(0, 7258118400ULL * Units);
+    for (int i = 0; i < 20000; ++i) {
+        const uint64_t timestamp = timestamps(rng);
+        TimestampMode::Type mode = TimestampMode::NotSet;
+        ASSERT_EQ(TraceTimer::Parse(Format(timestamp, TimestampMode::PRECISE), mode), timestamp / 10 * 10)
+            << Format(timestamp, TimestampMode::PRECISE);
+        ASSERT_EQ(mode, TimestampMode::PRECISE);
+        ASSERT_EQ(TraceTimer::Parse(Format(timestamp, TimestampMode::FAST), mode), timestamp / 10000 * 10000);
+        ASSERT_EQ(mode, TimestampMode::FAST);
+    }
+}
+
+TEST(TraceTimerText, ParseSurvivesAnyText) {
+    UseTimeZone("UTC");
+    std::mt19937 rng(4711);
+    const std::string alphabet = "0123456789012345678901234567890123456789.: -+x";
+    std::uniform_int_distribution<size_t> pick(0, alphabet.size() - 1);
+    std::uniform_int_distribution<int> length(0, 30);
+    for (int i = 0; i < 50000; ++i) {
+        std::string text;
+        for (int n = length(rng); n > 0; --n)
+            text += alphabet[pick(rng)];
+        // Splice in a valid date now and then so that the date branch gets odd input too.
+        if (i % 3 == 0)
+            text.insert(0, "2024.03.05 06:07:");
+        TimestampMode::Type mode = TimestampMode::OPTIMAL;
+        const uint64_t value = TraceTimer::Parse(text, mode);
+        if (mode == TimestampMode::FAST || mode == TimestampMode::PRECISE) {
+            // Whatever was accepted as a date prints as a date that reads back the same.
+            TimestampMode::Type again = TimestampMode::NotSet;
+            ASSERT_EQ(TraceTimer::Parse(Format(value, TimestampMode::PRECISE), again), value / 10 * 10)
+                << text;
+        } else if (mode == TimestampMode::NotSet) {
+            ASSERT_EQ(value, 0u) << text;
+        } else {
+            ASSERT_EQ(mode, TimestampMode::SEQ_ID) << text;
+        }
+    }
+}
