@@ -29,8 +29,8 @@ extern "C" {
 enum TraceParameterType {
     TRACE_PARAM_INVALID = 0,
     TRACE_PARAM_TOO_LONG = 1,
-    TRACE_PARAM_STRING = 2,          /* zero-terminated 8-bit string, copied */
-    TRACE_PARAM_WIDE_STRING = 3,     /* zero-terminated UTF-16 string, copied */
+    TRACE_PARAM_STRING = 2,      /* zero-terminated 8-bit string, copied */
+    TRACE_PARAM_WIDE_STRING = 3, /* zero-terminated UTF-16 string, copied */
     TRACE_PARAM_INT32 = 4,
     TRACE_PARAM_UINT32 = 5,
     TRACE_PARAM_INT64 = 6,
@@ -48,8 +48,8 @@ enum TraceParameterType {
  * Initialise with trace_param_init and release with trace_param_clear.
  */
 typedef struct TraceParameter {
-    unsigned short type;  /* enum TraceParameterType */
-    unsigned char owned;  /* 1 when `data` points to a heap block of this record */
+    unsigned short type; /* enum TraceParameterType */
+    unsigned char owned; /* 1 when `data` points to a heap block of this record */
     unsigned char reserved;
     unsigned int size; /* bytes, string terminator included */
     union {
@@ -71,8 +71,8 @@ PAXLTRACE_API TraceParameter* trace_param_init(TraceParameter* record, unsigned 
 PAXLTRACE_API TraceParameter* trace_param_copy(TraceParameter* destination, const TraceParameter* source,
                                                unsigned char count);
 PAXLTRACE_API void trace_param_clear(TraceParameter* records, unsigned char count);
-PAXLTRACE_API char* trace_param_format(const char* format, unsigned long long binaryTextId, unsigned char count,
-                                       const TraceParameter* parameters);
+PAXLTRACE_API char* trace_param_format(const char* format, unsigned long long binaryTextId,
+                                       unsigned char count, const TraceParameter* parameters);
 
 /* Severities: 0 "None", 1 "Fatal", 2 "Error", 3 "Warning", 4 "Info", 5 "Verbose", 6 "Debug", 7 "Call". */
 PAXLTRACE_API const char* trace_severity_to_string(unsigned severity);
