@@ -41,28 +41,7 @@ bool RegisterChildRole(const char* name, ChildRole role) {
 }
 
 pid_t SpawnChild(const std::string& role, const std::vector<std::string>& args) {
-    std::vector<std::string> argvStrings{"/proc/self/exe"};
-    argvStrings.insert(argvStrings.end(), args.begin(), args.end());
-    std::vector<char*> argv;
-    for (auto& a : argvStrings)
-        argv.push_back(a.data());
-    argv.push_back(nullptr);
-
-    std::vector<std::string> envStrings;
-    for (char** e = environ; *e != nullptr; ++e) {
-        if (std::string(*e).rfind(kRoleVariable, 0) != 0)
-            envStrings.emplace_back(*e);
-    }
-    envStrings.push_back(std::string(kRoleVariable) + "=" + role);
-    std::vector<char*> envp;
-    for (auto& e : envStrings)
-        envp.push_back(e.data());
-    envp.push_back(nullptr);
-
-    pid_t pid = -1;
-    if (posix_spawn(&pid, "/proc/self/exe", nullptr, nullptr, argv.data(), envp.data()) != 0)
-        return -1;
-    return pid;
+    return SpawnChildExecutable("/proc/self/exe", role, args);
 }
 
 pid_t SpawnChildExecutable(const std::string& executable, const std::string& role,
