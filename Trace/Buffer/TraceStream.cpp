@@ -1,0 +1,778 @@
+#include "Trace/Buffer/TraceStream.h"
+
+#include <algorithm>
+#include <bit>
+#include <cstring>
+#include <string>
+
+#include "Trace/Diagnostics/TraceDiagnostics.h"
+#include "Trace/Engine/TraceConfigurationPrivate.h"
+#include "Trace/Records/TraceMessage.h"
+#include "Trace/Records/TraceParameter.h"
+#include "Trace/Time/TraceTimer.h"
+#include "platform/Clock.h"
+#include "platform/EventLog.h"
+#include "platform/Thread.h"
+
+namespace Tracing {
+namespace {
+
+constexpr const char* RemovedMessage = "Trace was longer than the ring buffer! Removed.";
+constexpr const char* OverflowMessage = "Trace overflow. Buffer Size: %1 MB. Error: '%2'.";
+constexpr const char* UnrecoverableOverflowMessage = "Couldn't recover from trace overflow!";
+constexpr const char* IncompleteTraceMessage =
+    "There was a trace in buffer '%1' which wasn't completely written in 10 milliseconds.";
+
+constexpr uint32_t MaxParameters = TraceParameter::MaxParameters;
+// The location size is one byte: 4 for the line, the name, 1 for its terminator.
+constexpr uint32_t MaxFileNameLength = 255 - 5;
+// IDs this far apart are an ID wrap, not an old entry.
+constexpr uint32_t IdWrapDistance = 0x80000000u;
+// A trace whose timestamp is this much older than the previous one keeps its own.
+constexpr uint64_t TimestampJitter = 1000000;
+// Ring-bytes-per-MiB factor of the overflow text.
+constexpr float BytesToMiB = 9.536743e-7f;
+// Split assemblies in progress; a legitimate ring has about one per writing thread.
+constexpr size_t MaxPendingSplitTraces = 1024;
+constexpr unsigned IncompleteTraceRetries = 10;
+constexpr unsigned OverflowWaitMs = 10;
+constexpr unsigned MaxOverflowRepeats = 3;
+constexpr unsigned SuccessorsToAccept = 5;
+constexpr uint32_t HeldBackMs = 50;
+
+// Types that are serialised: 1 to 12. Invalid and unknown values are left out.
+inline bool IsWrittenType(uint16_t type) {
+    return static_cast<uint16_t>(type - 1) < 12;
+}
+
+// The reference types are written as their copied forms.
+inline uint8_t SerialisedType(uint16_t type) {
+    return static_cast<uint8_t>(type >= ParameterTypes::StringRef ? type - 9 : type);
+}
+
+inline bool IsStringType(uint16_t type) {
+    return type == ParameterTypes::String || type == ParameterTypes::WideString;
+}
+
+// Copies a short text without a library call; longer ones go to memcpy.
+inline void CopyText(char* out, const char* in, size_t size) {
+    if (size >= 16 && size <= 32) {
+        std::memcpy(out, in, 16);
+        std::memcpy(out + size - 16, in + size - 16, 16);
+    } else if (size >= 8 && size < 16) {
+        std::memcpy(out, in, 8);
+        std::memcpy(out + size - 8, in + size - 8, 8);
+    } else if (size >= 4 && size < 8) {
+        std::memcpy(out, in, 4);
+        std::memcpy(out + size - 4, in + size - 4, 4);
+    } else if (size < 4) {
+        for (size_t i = 0; i < size; ++i)
+            out[i] = in[i];
+    } else {
+        std::memcpy(out, in, size);
+    }
+}
+
+// Modular ID order: a later ID, also across the wrap from 0xFFFFFFFF to 1.
+inline bool IsNewerID(uint32_t id, uint32_t last) {
+    return id > last || last - id >= IdWrapDistance;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+// Construction
+
+uint64_t TraceStream::GetSize(uint32_t size) {
+    if (size == 0)
+        size = TraceConfigurationPrivate::GetInstance().GetTraceStreamSize();
+    if (size == 0)
+        return TraceData::MaxSize;
+    return std::bit_ceil(static_cast<uint64_t>(size)) + TraceData::MaxSize;
+}
+
+TraceStream* TraceStream::Create(const TraceBuffer* owner, TraceBufferData* header, char* ringStart,
+                                 uint32_t* globalTraceCounter, TimestampSource clock) {
+    return Build(owner, header, ringStart, globalTraceCounter, clock);
+}
+
+TraceStream* TraceStream::Attach(const TraceBuffer* owner, TraceBufferData* header, char* ringStart,
+                                 uint32_t* globalTraceCounter, TimestampSource clock) {
+    return Build(owner, header, ringStart, globalTraceCounter, clock);
+}
+
+TraceStream* TraceStream::Build(const TraceBuffer* owner, TraceBufferData* header, char* ringStart,
+                                uint32_t* globalTraceCounter, TimestampSource clock) {
+    if (header == nullptr || ringStart == nullptr ||
+        reinterpret_cast<uintptr_t>(ringStart) % alignof(TraceData) != 0)
+        return nullptr;
+    const uint32_t size = header->GetRingBufferSize();
+    if (size == 0 || !std::has_single_bit(size))
+        return nullptr;
+    return new TraceStream(owner, header, ringStart, globalTraceCounter, clock);
+}
+
+TraceStream::TraceStream(const TraceBuffer* owner, TraceBufferData* header, char* ringStart,
+                         uint32_t* globalTraceCounter, TimestampSource clock)
+    : m_buffer(owner),
+      m_header(header),
+      m_globalTraceCounter(header->GetGlobalTraceID() ? globalTraceCounter : nullptr),
+      m_clock(clock),
+      m_timer(clock == nullptr ? &TraceTimer::GetInstance() : nullptr),
+      m_size(header->GetRingBufferSize()),
+      m_mask(m_size - 1),
+      m_ringStart(ringStart),
+      m_spillEnd(ringStart + m_size + TraceData::MaxSize),
+      m_maxSplitLength((m_size >> 11) * (TraceData::MaxDataSize - 1)),
+      m_idTolerance(m_size >> 12) {}
+
+TraceStream::~TraceStream() {
+    m_splitTraces.clear();
+    m_buffer = nullptr;
+    m_header = nullptr;
+    m_globalTraceCounter = nullptr;
+    m_timer = nullptr;
+    m_ringStart = nullptr;
+    m_spillEnd = nullptr;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Writing
+
+void TraceStream::Write(uint32_t traceID, int32_t moduleID, uint32_t threadID, uint64_t timestamp,
+                        uint32_t severityMask, const char* fileName, uint32_t lineNumber, const char* message,
+                        uint8_t parameterCount, ::TraceParameter* parameters, uint32_t firstPartID) {
+    if (message == nullptr) [[unlikely]]
+        message = "";
+    EntryPlan plan;
+    plan.traceID = traceID;
+    plan.moduleID = moduleID;
+    plan.threadID = threadID;
+    plan.timestamp = timestamp;
+    plan.severityMask = severityMask;
+    plan.firstPartID = firstPartID;
+    plan.message = message;
+    plan.binaryTraceId = nullptr;
+    plan.lineNumber = lineNumber;
+    plan.fileName = fileName;
+    plan.fileNameLength = 0;
+    plan.locationSize = 0;
+    if (fileName != nullptr) {
+        size_t length = std::strlen(fileName);
+        if (length > MaxFileNameLength) [[unlikely]] {
+            // The end of a path names the file; keep that.
+            plan.fileName = fileName + (length - MaxFileNameLength);
+            length = MaxFileNameLength;
+        }
+        plan.fileNameLength = static_cast<uint32_t>(length);
+        plan.locationSize = plan.fileNameLength + 5;
+    }
+    plan.parameters = PlanParameters(plan.locationSize, parameterCount, parameters);
+    plan.splitMarker = TraceData::NotSplit;
+
+    const size_t messageSize = std::strlen(message) + 1;
+    if (messageSize + plan.parameters.size + plan.locationSize > TraceData::MaxDataSize) [[unlikely]] {
+        WriteLongMessage(plan, static_cast<uint32_t>(std::min<size_t>(messageSize, UINT32_MAX)));
+        return;
+    }
+    plan.messageSize = static_cast<uint32_t>(messageSize);
+    WriteEntry(plan);
+}
+
+void TraceStream::Write(uint32_t traceID, int32_t moduleID, uint32_t threadID, uint64_t timestamp,
+                        uint32_t severityMask, const char* fileName, uint32_t lineNumber,
+                        const uint64_t& binaryTraceId, uint8_t parameterCount, ::TraceParameter* parameters) {
+    EntryPlan plan;
+    plan.traceID = traceID;
+    plan.moduleID = moduleID;
+    plan.threadID = threadID;
+    plan.timestamp = timestamp;
+    plan.severityMask = severityMask;
+    plan.firstPartID = 0;
+    plan.message = nullptr;
+    plan.messageSize = 0;
+    plan.binaryTraceId = &binaryTraceId;
+    plan.lineNumber = lineNumber;
+    plan.fileName = fileName;
+    plan.fileNameLength = 0;
+    plan.locationSize = 0;
+    if (fileName != nullptr) {
+        size_t length = std::strlen(fileName);
+        if (length > MaxFileNameLength) [[unlikely]] {
+            plan.fileName = fileName + (length - MaxFileNameLength);
+            length = MaxFileNameLength;
+        }
+        plan.fileNameLength = static_cast<uint32_t>(length);
+        plan.locationSize = plan.fileNameLength + 5;
+    }
+    // Parameters and location never pass MaxParameterSize, so the entry stays within MaxSize.
+    plan.parameters = PlanParameters(plan.locationSize, parameterCount, parameters);
+    plan.splitMarker = TraceData::NotSplit;
+    WriteEntry(plan);
+}
+
+inline TraceStream::ParameterPlan TraceStream::PlanParameters(uint32_t locationSize, uint8_t count,
+                                                              ::TraceParameter* params) {
+    if (params == nullptr)
+        count = 0;
+    count = static_cast<uint8_t>(std::min<uint32_t>(count, MaxParameters));
+    uint64_t size = 0;
+    for (uint8_t i = 0; i < count; ++i) {
+        if (!IsWrittenType(params[i].type))
+            continue;
+        size += static_cast<uint64_t>(params[i].size) + 1;
+        if (size + locationSize > TraceData::MaxParameterSize) [[unlikely]]
+            return TruncateParameters(locationSize, count, params);
+    }
+    return {params, count, static_cast<uint32_t>(size)};
+}
+
+TraceStream::ParameterPlan TraceStream::TruncateParameters(uint32_t locationSize, uint8_t count,
+                                                           ::TraceParameter* params) {
+    uint64_t size = doParamTruncation(locationSize, count, params);
+    // Only parameters that are not cut (the reference types) were too long: none are written.
+    if (size == 0)
+        return {params, 0, 0};
+    // Wide strings keep twice their byte budget, and references are never cut; the entry must
+    // still fit.
+    if (size + locationSize > TraceData::MaxParameterSize)
+        size = ShrinkParameters(locationSize, count, params);
+    return {params, count, static_cast<uint32_t>(size)};
+}
+
+uint64_t TraceStream::doParamTruncation(uint32_t locationSize, uint8_t count, ::TraceParameter* params) {
+    const unsigned considered = std::min<unsigned>(count, MaxParameters);
+    uint64_t total = locationSize;
+    uint64_t length[MaxParameters] = {};
+    for (unsigned i = 0; i < considered; ++i) {
+        if (!IsWrittenType(params[i].type))
+            continue;
+        total += 1;
+        if (IsStringType(params[i].type)) {
+            total += params[i].size;
+            length[i] = params[i].size;
+        }
+    }
+    if (total <= TraceData::MaxParameterSize || total <= locationSize)
+        return 0;
+
+    while (total > TraceData::MaxParameterSize) {
+        unsigned longest = 0;
+        for (unsigned i = 1; i < considered; ++i) {
+            if (length[i] > length[longest])
+                longest = i;
+        }
+        if (length[longest] == 0)
+            break;
+        const uint64_t halved = length[longest] / 2;
+        total -= length[longest] - halved;
+        length[longest] = halved;
+    }
+
+    uint64_t size = 0;
+    for (unsigned i = 0; i < considered; ++i) {
+        if (!IsWrittenType(params[i].type))
+            continue;
+        if (length[i] < params[i].size)
+            TraceParameter::SetTruncated(params[i], static_cast<unsigned>(length[i]));
+        size += 1 + static_cast<uint64_t>(params[i].size);
+    }
+    return size;
+}
+
+uint32_t TraceStream::ShrinkParameters(uint32_t locationSize, uint8_t count, ::TraceParameter* params) {
+    // Each round halves or removes the largest parameter; nine parameters need few rounds.
+    for (int round = 0; round < 64 * static_cast<int>(MaxParameters); ++round) {
+        uint64_t size = 0;
+        int largest = -1;
+        for (unsigned i = 0; i < count; ++i) {
+            if (!IsWrittenType(params[i].type))
+                continue;
+            size += 1 + static_cast<uint64_t>(params[i].size);
+            if (largest < 0 || params[i].size > params[largest].size)
+                largest = static_cast<int>(i);
+        }
+        if (size + locationSize <= TraceData::MaxParameterSize || largest < 0)
+            return static_cast<uint32_t>(size);
+        ::TraceParameter& param = params[largest];
+        const uint32_t before = param.size;
+        if (param.type == ParameterTypes::String)
+            TraceParameter::SetTruncated(param, before / 2);
+        else if (param.type == ParameterTypes::WideString)
+            TraceParameter::SetTruncated(param, before / 4);
+        if (param.size >= before)
+            TraceParameter::SetToTooLong(param);
+    }
+    // Unreachable with at most nine parameters; drop them all rather than overrun the entry.
+    return 0;
+}
+
+void TraceStream::WriteLongMessage(EntryPlan plan, uint32_t messageSize) {
+    const uint64_t wholeSize = static_cast<uint64_t>(messageSize) + plan.parameters.size + plan.locationSize;
+    if (wholeSize > m_maxSplitLength) {
+        plan.message = RemovedMessage;
+        plan.messageSize = static_cast<uint32_t>(std::strlen(RemovedMessage) + 1);
+        plan.parameters = {plan.parameters.params, 0, 0};
+        WriteEntry(plan);
+        return;
+    }
+    // Every part but the last is a full entry; the first carries parameters and location.
+    while (static_cast<uint64_t>(messageSize) + plan.parameters.size + plan.locationSize >
+           TraceData::MaxDataSize) {
+        const uint32_t partSize = TraceData::MaxDataSize - plan.parameters.size - plan.locationSize;
+        plan.messageSize = partSize;
+        plan.splitMarker = TraceData::Split;
+        const uint32_t id = WriteEntry(plan);
+        if (plan.firstPartID == 0)
+            plan.firstPartID = id;
+        plan.message += partSize - 1;
+        messageSize -= partSize - 1;
+        plan.parameters = {plan.parameters.params, 0, 0};
+        plan.fileName = nullptr;
+        plan.fileNameLength = 0;
+        plan.locationSize = 0;
+        plan.traceID = 0;
+    }
+    plan.messageSize = messageSize;
+    plan.splitMarker = TraceData::NotSplit;
+    WriteEntry(plan);
+}
+
+inline uint32_t TraceStream::WriteEntry(const EntryPlan& plan) {
+    const uint32_t payload = plan.binaryTraceId != nullptr ? TraceData::BinaryTraceIdSize : plan.messageSize;
+    const uint32_t dataSize = payload + plan.parameters.size + plan.locationSize;
+    const uint32_t entrySize = ((dataSize + 7) & ~7u) + TraceData::SizeWithoutData;
+
+    std::atomic_ref<uint32_t> writeIndex = m_header->GetAtomicWriteIndex();
+    const uint32_t position = writeIndex.fetch_add(entrySize, std::memory_order_seq_cst);
+    TraceData& entry = *reinterpret_cast<TraceData*>(m_ringStart + (position & m_mask));
+
+    uint32_t id = plan.traceID;
+    if (id == 0) {
+        std::atomic_ref<uint32_t> counter = TraceIdCounter();
+        id = counter.fetch_add(1, std::memory_order_seq_cst) + 1;
+        if (id == 0) [[unlikely]]
+            id = counter.fetch_add(1, std::memory_order_seq_cst) + 1;
+    } else {
+        // Automatic IDs continue from a given one.
+        m_header->GetAtomicTotalTraceCounter().exchange(id, std::memory_order_seq_cst);
+    }
+
+    std::atomic_ref<uint8_t> filled = m_header->GetRingBufferWasFilled();
+    if (filled.load(std::memory_order_seq_cst) == 0 && writeIndex.load(std::memory_order_seq_cst) > m_mask)
+        [[unlikely]]
+        filled.store(1, std::memory_order_seq_cst);
+
+    uint64_t timestamp = plan.timestamp;
+    if (timestamp == 0) {
+        const TimestampMode::Type mode = m_header->GetTimestampMode();
+        timestamp = m_clock != nullptr ? m_clock(mode) : m_timer->GetTimestamp(mode);
+    }
+
+    TraceData::BeginWrite(entry);
+    TraceData fields;
+    fields.Size = entrySize;
+    fields.TraceID = id;
+    fields.FirstPartID = plan.firstPartID;
+    fields.ModuleID = plan.moduleID;
+    fields.SetTimestamp(timestamp);
+    fields.ThreadID = plan.threadID;
+    fields.SeverityMask = plan.severityMask;
+    fields.MessageSize = static_cast<uint16_t>(plan.messageSize);
+    fields.TraceIndicator = 0;
+    fields.ParameterSize = static_cast<uint16_t>(plan.parameters.size);
+    fields.LocationSize = static_cast<uint8_t>(plan.locationSize);
+    fields.SplitMarker = plan.splitMarker;
+    TraceData::StoreHeader(entry, fields);
+
+    // Plain copies: this span is ours until Publish; readers re-check the entry after copying.
+    char* out = entry.GetData();
+    if (plan.binaryTraceId != nullptr) {
+        std::memcpy(out, plan.binaryTraceId, TraceData::BinaryTraceIdSize);
+        out += TraceData::BinaryTraceIdSize;
+    } else {
+        CopyText(out, plan.message, plan.messageSize - 1);
+        out[plan.messageSize - 1] = '\0';
+        out += plan.messageSize;
+    }
+    const ::TraceParameter* params = plan.parameters.params;
+    for (uint8_t i = 0; i < plan.parameters.count; ++i) {
+        const ::TraceParameter& param = params[i];
+        if (!IsWrittenType(param.type))
+            continue;
+        *out++ = static_cast<char>(SerialisedType(param.type));
+        // Numbers: fixed-size copies instead of a library call each.
+        switch (param.size) {
+            case 4:
+                std::memcpy(out, param.data.bytes, 4);
+                break;
+            case 8:
+                std::memcpy(out, param.data.bytes, 8);
+                break;
+            case 1:
+                *out = static_cast<char>(param.data.bytes[0]);
+                break;
+            default:
+                std::memcpy(out, TraceParameter::GetData(param), param.size);
+                break;
+        }
+        out += param.size;
+    }
+    if (plan.locationSize >= 4) {
+        std::memcpy(out, &plan.lineNumber, sizeof(plan.lineNumber));
+        std::memcpy(out + 4, plan.fileName, plan.fileNameLength);
+        out[4 + plan.fileNameLength] = '\0';
+    }
+    TraceData::Publish(entry);
+    return id;
+}
+
+void TraceStream::ReportWriteToDeletedStream(const char* message) {
+    TraceMessage text("Failed to write trace message to stream. Object is already deleted.\n%1");
+    text.Add(message);
+    Platform::WriteEventLog(Platform::EventType::Warning, "TraceStream", "", text.Format().c_str());
+}
+
+void TraceStream::ReportWriteToDeletedStream(uint64_t binaryTraceId) {
+    TraceMessage text("Failed to write binary trace message (%1) to stream. Object is already deleted.");
+    text.Add(binaryTraceId);
+    Platform::WriteEventLog(Platform::EventType::Warning, "TraceStream", "", text.Format().c_str());
+}
+
+// ---------------------------------------------------------------------------------------------
+// Reading
+
+bool TraceStream::LoadEntry(uint32_t index, TraceData& entry) const {
+    // Positions of real entries are multiples of 8; others come only from a corrupt write index.
+    if (index % 8 != 0)
+        return false;
+    entry = TraceData::Load(EntryAt(index));
+    return true;
+}
+
+bool TraceStream::IsValidTraceData(const TraceData& entry) {
+    return entry.TraceID != 0 && entry.Size <= TraceData::MaxSize &&
+           static_cast<uint32_t>(entry.MessageSize) + entry.ParameterSize + entry.LocationSize <=
+               TraceData::MaxDataSize &&
+           entry.TraceIndicator == TraceData::TraceIndicatorValue &&
+           (entry.SplitMarker == TraceData::Split || entry.SplitMarker == TraceData::NotSplit);
+}
+
+bool TraceStream::IsUsableTraceData(const TraceData& entry) {
+    // A size below its own data or off the 8-byte steps would stall or misalign the cursor.
+    return IsValidTraceData(entry) && entry.Size % 8 == 0 &&
+           entry.Size >= TraceData::SizeWithoutData + entry.GetRequiredDataSize();
+}
+
+// A complete entry whose ID stays older than the cursor is not necessarily stale: a writer that
+// was preempted between reserving its span and drawing its ID publishes an ID far behind its
+// neighbours, and such an entry never changes. A stale entry lasts only until its new writer
+// clears it, so an entry held back unchanged for HeldBackMs is taken as it is.
+void TraceStream::HoldBack(uint32_t position, uint32_t traceID) const {
+    for (const HeldBackEntry& held : m_heldBack) {
+        if (held.position == position && held.traceID == traceID)
+            return;
+    }
+    m_heldBack[m_nextHeldBack] = {position, traceID, Platform::TickMs()};
+    m_nextHeldBack = (m_nextHeldBack + 1) % m_heldBack.size();
+}
+
+bool TraceStream::IsLongHeldBack(uint32_t position, uint32_t traceID) const {
+    for (HeldBackEntry& held : m_heldBack) {
+        if (held.position == position && held.traceID == traceID) {
+            if (Platform::TickMs() - held.since < HeldBackMs)
+                return false;
+            held = {};
+            return true;
+        }
+    }
+    return false;
+}
+
+// Further behind than concurrent writers explain; 2^31 or more behind is the ID wrap (newer).
+bool TraceStream::IsOldTraceData(const TraceData& entry, uint32_t counter) const {
+    const uint32_t age = counter - entry.TraceID;
+    return counter > entry.TraceID && age > m_idTolerance && age < IdWrapDistance;
+}
+
+uint64_t TraceStream::FindFirstUnreadTraceEntry(TraceReaderInfo& info) const {
+    info.LastTimestamp = 0;
+    if (m_header->GetRingBufferWasFilled().load(std::memory_order_seq_cst) == 0) {
+        info.ReadIndex = 0;
+        info.LastTraceID = 0;
+        return 0;
+    }
+    const uint32_t writeIndex = m_header->GetAtomicWriteIndex().load(std::memory_order_seq_cst);
+    const uint32_t start = writeIndex - m_size;
+    for (uint32_t offset = 0; offset < m_size - 1; offset += 8) {
+        const uint32_t candidatePosition = start + offset;
+        TraceData candidate;
+        if (!LoadEntry(candidatePosition, candidate) || !IsUsableTraceData(candidate))
+            continue;
+        uint32_t position = candidatePosition;
+        uint32_t size = candidate.Size;
+        unsigned successors = 0;
+        for (; successors < SuccessorsToAccept; ++successors) {
+            position += size;
+            TraceData next;
+            if (!LoadEntry(position, next) || !IsUsableTraceData(next))
+                break;
+            size = next.Size;
+        }
+        if (successors == SuccessorsToAccept) {
+            info.ReadIndex = candidatePosition;
+            info.LastTraceID = candidate.TraceID - 1;
+            return candidate.GetTimestamp();
+        }
+    }
+    info.ReadIndex = writeIndex;
+    info.LastTraceID = GetTotalTraceCounter();
+    return 0;
+}
+
+TraceStream::ErrorType TraceStream::ConnectReader(TraceReaderInfo& info, uint32_t startTraceID) const {
+    if (info.Buffer != nullptr)
+        return info.Buffer == m_buffer ? Ok : ReaderAlreadyConnected;
+    info.Buffer = m_buffer;
+    FindFirstUnreadTraceEntry(info);
+    if (startTraceID == 0)
+        return Ok;
+    const uint32_t counter = GetTotalTraceCounter();
+    if (startTraceID >= counter) {
+        info.ReadIndex = m_header->GetAtomicWriteIndex().load(std::memory_order_seq_cst);
+        info.LastTraceID = counter;
+        return Ok;
+    }
+    // Skip what the caller has seen. Stop when a read moves nothing (the rest is not there yet),
+    // and after as many reads as the ring holds entries: a corrupt ring can send the cursor round
+    // between resynchronisation points for ever.
+    std::vector<std::unique_ptr<Trace>> skipped;
+    for (uint32_t reads = 0; info.LastTraceID < startTraceID && reads <= m_size / TraceData::SizeWithoutData;
+         ++reads) {
+        const uint32_t readIndex = info.ReadIndex;
+        const uint32_t lastTraceID = info.LastTraceID;
+        bool overflow = false;
+        skipped.clear();
+        Read(info, skipped, overflow, 1);
+        if (info.ReadIndex == readIndex && info.LastTraceID == lastTraceID)
+            break;
+    }
+    return Ok;
+}
+
+TraceStream::ErrorType TraceStream::ReadContinuation(TraceReaderInfo& info, const TraceData& entry,
+                                                     const TraceData& shared,
+                                                     std::vector<std::unique_ptr<Trace>>& pending) const {
+    const auto found = m_splitTraces.find(entry.FirstPartID);
+    if (found != m_splitTraces.end()) {
+        // The part's text may lack its terminator: copy at most MessageSize - 1 bytes.
+        char text[TraceData::MaxDataSize + 1];
+        const size_t length = entry.MessageSize > 0 ? entry.MessageSize - 1u : 0u;
+        std::memcpy(text, shared.GetData(), length);
+        text[length] = '\0';
+        if (TraceData::ReloadTraceID(shared) != entry.TraceID)
+            return OverflowTraceIDChanged;
+        Trace& trace = *found->second;
+        // No legitimate message grows beyond the longest split one.
+        if (trace.GetMessageString().size() + length > m_maxSplitLength) {
+            m_splitTraces.erase(found);
+        } else {
+            trace.AppendMessage(text);
+            if (entry.SplitMarker == TraceData::NotSplit) {
+                pending.push_back(std::move(found->second));
+                m_splitTraces.erase(found);
+            }
+        }
+    }
+    info.ReadIndex += entry.Size;
+    return Ok;
+}
+
+TraceStream::ErrorType TraceStream::ReadOneTrace(TraceReaderInfo& info,
+                                                 std::vector<std::unique_ptr<Trace>>& pending,
+                                                 uint32_t writeIndexSnapshot) const {
+    if (writeIndexSnapshot == info.ReadIndex)
+        return NoNewTraces;
+    uint32_t distance = writeIndexSnapshot - info.ReadIndex;
+    if (writeIndexSnapshot < info.ReadIndex)
+        --distance;
+    if (distance > m_size)
+        return OverflowTracesOverwritten;
+
+    TraceData entry;
+    if (!LoadEntry(info.ReadIndex, entry))
+        return OverflowTraceUnreadable;
+    const TraceData& shared = EntryAt(info.ReadIndex);
+    // A writer may still be filling the entry (or may not have cleared the old one yet).
+    bool heldBack = false;
+    for (unsigned retries = 0;; ++retries) {
+        if (IsValidTraceData(entry)) {
+            if (!IsOldTraceData(entry, info.LastTraceID))
+                break;
+            heldBack = IsLongHeldBack(info.ReadIndex, entry.TraceID);
+            if (heldBack)
+                break;
+        }
+        if (retries == IncompleteTraceRetries) {
+            if (IsValidTraceData(entry))
+                HoldBack(info.ReadIndex, entry.TraceID);
+            return IncompleteTrace;
+        }
+        Platform::SleepMs(1);
+        entry = TraceData::Load(shared);
+    }
+    if (!IsUsableTraceData(entry))
+        return OverflowTraceUnreadable;
+    // An entry taken after being held back starts the ID sequence anew: the entries behind it
+    // continue from its ID.
+    if (heldBack || IsNewerID(entry.TraceID, info.LastTraceID))
+        info.LastTraceID = entry.TraceID;
+
+    if (entry.FirstPartID != 0)
+        return ReadContinuation(info, entry, shared, pending);
+
+    uint64_t timestamp = entry.GetTimestamp();
+    if (timestamp == 0) {
+        timestamp = entry.TraceID;
+    } else if (info.LastTimestamp <= timestamp || info.LastTimestamp - timestamp > TimestampJitter) {
+        info.LastTimestamp = timestamp;
+    } else {
+        timestamp = info.LastTimestamp;
+    }
+
+    // The data bytes are copied as they stand (bounded by the spill end) and trusted only once the
+    // TraceID re-check shows that no writer took the entry meanwhile.
+    // Default- not value-initialised: make_unique would first zero the whole record.
+    std::unique_ptr<Trace> trace(new Trace);
+    if (!trace->Create(entry.TraceID, m_header->GetBufferID(), entry.ModuleID, timestamp,
+                       m_header->GetProcessID(), entry.ThreadID, entry.SeverityMask, entry.MessageSize,
+                       entry.ParameterSize, entry.LocationSize, shared.GetData(),
+                       info.AttachBuffer ? m_buffer : nullptr, m_spillEnd))
+        return OverflowTraceUnreadable;
+    if (TraceData::ReloadTraceID(shared) != entry.TraceID || trace->GetID() != entry.TraceID)
+        return OverflowTraceIDChanged;
+
+    if (entry.SplitMarker == TraceData::Split) {
+        if (m_splitTraces.size() >= MaxPendingSplitTraces && !m_splitTraces.contains(entry.TraceID))
+            [[unlikely]]
+            m_splitTraces.clear();
+        m_splitTraces[entry.TraceID] = std::move(trace);
+    } else {
+        pending.push_back(std::move(trace));
+    }
+    info.ReadIndex += entry.Size;
+    return Ok;
+}
+
+uint64_t TraceStream::Now() const {
+    const TimestampMode::Type mode = m_header->GetTimestampMode();
+    return m_clock != nullptr ? m_clock(mode) : m_timer->GetTimestamp(mode);
+}
+
+void TraceStream::AddSyntheticTrace(const TraceReaderInfo& info, std::vector<std::unique_ptr<Trace>>& traces,
+                                    const std::string& text, uint64_t timestamp) const {
+    std::unique_ptr<Trace> trace(new Trace);
+    if (trace->Create(info.LastTraceID, m_header->GetBufferID(), -1, timestamp, m_header->GetProcessID(), 0,
+                      Severity::Warning, static_cast<unsigned>(text.size() + 1), 0, 0, text.c_str(),
+                      info.AttachBuffer ? m_buffer : nullptr, nullptr))
+        traces.push_back(std::move(trace));
+}
+
+void TraceStream::Read(TraceReaderInfo& info, std::vector<std::unique_ptr<Trace>>& traces, bool& overflow,
+                       uint32_t maxTraces) const {
+    std::lock_guard<std::mutex> lock(m_readMutex);
+    overflow = false;
+    if (info.Buffer != m_buffer)
+        return;
+    const size_t limit = (maxTraces == 0 || maxTraces > TraceReadLimit) ? TraceReadLimit : maxTraces;
+    if (traces.size() >= limit)
+        return;
+    const size_t wanted = limit - traces.size();
+
+    std::atomic_ref<uint32_t> writeIndex = m_header->GetAtomicWriteIndex();
+    uint32_t snapshot = writeIndex.load(std::memory_order_seq_cst);
+    uint32_t overflowPosition = 0xFFFFFFFFu;
+    unsigned repeats = 0;
+    std::vector<std::unique_ptr<Trace>> collected;
+    while (collected.size() < wanted) {
+        const ErrorType result = ReadOneTrace(info, collected, snapshot);
+        if (result == Ok)
+            continue;
+        if (result == NoNewTraces)
+            break;
+        if (result == IncompleteTrace) {
+            if (TraceDiagnostics::IsActive(DiagnosticCategory::Buffer))
+                TraceDiagnostics::GetInstance().Report(
+                    DiagnosticCategory::Buffer, Severity::Warning,
+                    TraceMessage(IncompleteTraceMessage).Add(m_header->GetBufferID()));
+            break;
+        }
+
+        overflow = true;
+        m_splitTraces.clear();
+        Platform::SleepMs(OverflowWaitMs);
+        if (info.ReadIndex == overflowPosition) {
+            if (++repeats > MaxOverflowRepeats) {
+                info.ReadIndex = writeIndex.load(std::memory_order_seq_cst);
+                info.LastTraceID = GetTotalTraceCounter();
+                info.LastTimestamp = 0;
+                AddSyntheticTrace(info, collected, UnrecoverableOverflowMessage, Now());
+            }
+        } else {
+            overflowPosition = info.ReadIndex;
+            repeats = 0;
+            uint64_t timestamp = FindFirstUnreadTraceEntry(info);
+            if (timestamp == 0)
+                timestamp = Now();
+            TraceMessage text(OverflowMessage);
+            text.Add(static_cast<float>(m_size) * BytesToMiB).Add(ErrorText(result));
+            AddSyntheticTrace(info, collected, text.Format(), timestamp);
+        }
+        // Taken after the cursor moved, so that the cursor never lies beyond the snapshot.
+        snapshot = writeIndex.load(std::memory_order_seq_cst);
+    }
+
+    // Concurrent writers publish slightly out of ID order; usually there is nothing to sort.
+    if (!std::is_sorted(collected.begin(), collected.end(), Trace::LessById))
+        std::stable_sort(collected.begin(), collected.end(), Trace::LessById);
+    traces.reserve(traces.size() + collected.size());
+    for (auto& trace : collected)
+        traces.push_back(std::move(trace));
+}
+
+bool TraceStream::AreNewTracesAvailable(const TraceReaderInfo& info) const {
+    return info.Buffer == m_buffer &&
+           m_header->GetAtomicWriteIndex().load(std::memory_order_seq_cst) != info.ReadIndex;
+}
+
+bool TraceStream::AreAnyTracesAvailable() const {
+    return m_header->GetAtomicWriteIndex().load(std::memory_order_seq_cst) != 0;
+}
+
+uint32_t TraceStream::GetTotalTraceCounter() const {
+    return TraceIdCounter().load(std::memory_order_seq_cst);
+}
+
+const char* TraceStream::ErrorText(ErrorType error) {
+    switch (error) {
+        case Ok:
+            return "Ok";
+        case NoNewTraces:
+            return "There are no new traces";
+        case ReaderAlreadyConnected:
+            return "The reader is already connected";
+        case IncompleteTrace:
+            return "There's a not completely written trace in the buffer";
+        case OverflowUnknown:
+            return "Overflow, reason: unknown";
+        case OverflowTracesOverwritten:
+            return "Buffer is full, unread traces were overwritten";
+        case OverflowTraceUnreadable:
+            return "Buffer is full, couldn't read the current trace";
+        case OverflowTraceIDChanged:
+            return "Buffer is full, the ID of the current trace changed during reading";
+    }
+    return "Unknown error";
+}
+
+}  // namespace Tracing
