@@ -1,5 +1,7 @@
 #include "Trace/Buffer/TraceFlagData.h"
 
+#include "Trace/Buffer/TraceFlagInfo.h"
+
 namespace Tracing {
 
 namespace {
@@ -19,6 +21,12 @@ bool TraceFlagData::Activate(uint8_t bitNo, const char* name) {
 void TraceFlagData::Deactivate() {
     m_bitNo = 0;
     Internal::CopyShmName(m_flagName, nullptr);
+}
+
+void TraceFlagData::GetInfo(TraceFlagInfo& info) const {
+    info.BitNo = m_bitNo;
+    info.Name = GetFlagName();
+    info.Active = false;
 }
 
 }  // namespace Tracing

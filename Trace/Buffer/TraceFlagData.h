@@ -15,6 +15,8 @@
 
 namespace Tracing {
 
+struct TraceFlagInfo;
+
 class TraceFlagData {
 public:
     TraceFlagData() noexcept { Deactivate(); }
@@ -28,6 +30,9 @@ public:
     const char* GetFlagName() const { return Internal::ShmNameCString(m_flagName); }
     void SetFlagName(const char* name) { Internal::CopyShmName(m_flagName, name); }
     bool HasName(const char* name) const { return Internal::ShmNameEquals(m_flagName, name); }
+
+    // Bit and name; whether the flag is active is the module's to say.
+    void GetInfo(TraceFlagInfo& info) const;
 
 private:
     uint8_t m_bitNo;

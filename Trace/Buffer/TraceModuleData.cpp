@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "Trace/Buffer/TraceBufferData.h"
+#include "Trace/Buffer/TraceModuleInfo.h"
 
 namespace Tracing {
 
@@ -167,6 +168,38 @@ void TraceModuleData::ApplyProfile(const TraceBufferData& profileRecord, unsigne
             break;
         }
     }
+}
+
+void TraceModuleData::GetInfo(TraceModuleInfo& info) const {
+    info.BufferID = GetBufferID();
+    info.ModuleID = m_moduleID;
+    info.Name = GetModuleName();
+    info.FilterState = GetFilterState();
+    info.SeverityValue = static_cast<Severity::Type>(info.FilterState & SeverityMask);
+    info.RegisteredFlags = GetRegisteredFlags();
+    info.Flags.clear();
+    for (const TraceFlagData& flag : m_flags) {
+        if (!flag.IsActivated())
+            continue;
+        TraceFlagInfo& flagInfo = info.Flags.emplace_back();
+        flag.GetInfo(flagInfo);
+        // From the state read above, so that the description is one consistent picture.
+        flagInfo.Active = (Bit(flag.GetBitNo()) & info.FilterState & FlagMask) != 0;
+    }
+}
+
+bool TraceModuleData::AddToProfile(TraceProfile::SubSystem& subSystem) const {
+    TraceProfile::Module* module = subSystem.CreateModule(GetModuleName());
+    if (module == nullptr)
+        return false;
+    module->SetSeverity(GetFilterState() & SeverityMask);
+    for (const TraceFlagData& flag : m_flags) {
+        if (!flag.IsActivated())
+            break;
+        if (TraceProfile::Flag* profileFlag = module->CreateFlag(flag.GetFlagName()))
+            profileFlag->SetEnabled(IsFlagActive(flag.GetBitNo()));
+    }
+    return true;
 }
 
 }  // namespace Tracing

@@ -25,11 +25,13 @@
 
 #include "Trace/Buffer/ShmName.h"
 #include "Trace/Buffer/TraceFlagData.h"
+#include "Trace/Profiles/TraceProfile.h"
 #include "Trace/Records/Severity.h"
 
 namespace Tracing {
 
 class TraceBufferData;
+struct TraceModuleInfo;
 
 class TraceModuleData {
 public:
@@ -92,6 +94,12 @@ public:
     // Takes severity and flags from the module of the same name in a profile record. Flags are only
     // switched on, never off.
     void ApplyProfile(const TraceBufferData& profileRecord, unsigned defaultSeverity);
+
+    // Copies the slot into an in-process description; the flags in slot order.
+    void GetInfo(TraceModuleInfo& info) const;
+    // Adds the module with its severity and its flags (slot order, up to the first free slot) to a
+    // profile subsystem; false for a module without a name.
+    bool AddToProfile(TraceProfile::SubSystem& subSystem) const;
 
 private:
     uint32_t RemoveInvalidBits(uint32_t mask) const;

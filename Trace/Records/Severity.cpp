@@ -2,6 +2,9 @@
 
 #include <cstring>
 
+#include "Trace/Buffer/TraceBuffer.h"
+#include "Trace/Registry/TraceRegistry.h"
+
 namespace Tracing::Severity {
 namespace {
 
@@ -32,6 +35,40 @@ Type FromName(const char* text) {
             return static_cast<Type>(i);
     }
     return None;
+}
+
+void GetFlagsAsString(std::string& out, unsigned int severityWord, const TraceBuffer& buffer, int moduleID) {
+    out.clear();
+    std::string name;
+    for (unsigned bit = 4; bit < 32; ++bit) {
+        if ((severityWord & (1u << bit)) == 0)
+            continue;
+        if (!out.empty())
+            out += ", ";
+        if (buffer.GetFlagName(moduleID, static_cast<uint8_t>(bit), name)) {
+            out += name;
+        } else {
+            out += "<Unknown flag ";
+            out += std::to_string(bit);
+            out += '>';
+        }
+    }
+}
+
+void GetFlagsAsString(std::string& out, unsigned int severityWord, int bufferID, int moduleID) {
+    out.clear();
+    if (const TraceBuffer* buffer = TraceRegistry::GetInstance().GetProducerBuffer(bufferID))
+        GetFlagsAsString(out, severityWord, *buffer, moduleID);
+}
+
+void ToString(std::string& out, unsigned int severityWord, int bufferID, int moduleID) {
+    std::string flags;
+    GetFlagsAsString(flags, severityWord, bufferID, moduleID);
+    out = Name(severityWord & Mask);
+    if (!flags.empty()) {
+        out += " | ";
+        out += flags;
+    }
 }
 
 }  // namespace Tracing::Severity

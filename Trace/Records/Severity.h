@@ -6,6 +6,10 @@
 #include <cstdint>
 #include <string>
 
+namespace Tracing {
+class TraceBuffer;
+}
+
 namespace Tracing::Severity {
 
 enum Type : uint32_t {
@@ -30,5 +34,15 @@ const char* Name(unsigned value);
 
 // Exact, case-sensitive lookup of a name; null and unknown texts give None.
 Type FromName(const char* text);
+
+// The severity name of word & 7, followed by " | " and the flags text when the producer-side
+// buffer of bufferID names any flag.
+void ToString(std::string& out, unsigned int severityWord, int bufferID, int moduleID);
+
+// The names of the flag bits 4-31 set in the word, ascending, joined by ", "; a bit the module
+// does not name reads "<Unknown flag n>". Empty when no flag bit is set.
+void GetFlagsAsString(std::string& out, unsigned int severityWord, const TraceBuffer& buffer, int moduleID);
+// The same with the producer-side buffer of bufferID; empty when there is none.
+void GetFlagsAsString(std::string& out, unsigned int severityWord, int bufferID, int moduleID);
 
 }  // namespace Tracing::Severity

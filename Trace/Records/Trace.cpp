@@ -3,9 +3,11 @@
 #include <cstdio>
 #include <cstring>
 
+#include "Trace/Buffer/TraceBuffer.h"
 #include "Trace/Records/Severity.h"
 #include "Trace/Records/TraceMessage.h"
 #include "Trace/Records/TraceParameter.h"
+#include "Trace/Registry/TraceRegistry.h"
 #include "Trace/Time/TraceTimer.h"
 
 namespace Tracing {
@@ -134,13 +136,25 @@ bool Trace::Create(unsigned int id, int bufferID, int moduleID, uint64_t timesta
 }
 
 void Trace::FillExtendedData(const TraceBuffer* buffer) {
+    if (buffer == nullptr)
+        buffer = TraceRegistry::GetInstance().GetConsumerBuffer(m_bufferID);
+    // Without the producer's buffer the texts could not agree with each other: keep them all.
+    if (buffer == nullptr)
+        return;
     char text[64];
     std::snprintf(text, sizeof(text), "%llu (0x%x)", static_cast<unsigned long long>(m_processID),
                   m_threadID);
     m_threadIDText = text;
+    m_timestampMode = buffer->GetTimestampMode();
+    TraceTimer::Format(m_timestamp, m_timestampText, m_timestampMode);
     m_severityText = Severity::Name(m_severityWord & Severity::Mask);
-    // Names, flags and the timestamp text come from the producer's buffer.
-    static_cast<void>(buffer);
+    Severity::GetFlagsAsString(m_flagsText, m_severityWord, *buffer, m_moduleID);
+    m_hostName = buffer->GetHostName();
+    m_systemName = buffer->GetSystemName();
+    m_applicationName = buffer->GetApplicationName();
+    m_subSystemName = buffer->GetSubSystemName();
+    if (!buffer->GetModuleName(m_moduleID, m_moduleName))
+        m_moduleName.clear();
 }
 
 bool Trace::HasParameters() const {

@@ -1,0 +1,11 @@
+#include "Trace/Buffer/TraceBufferInfo.h"
+
+#include "Trace/Buffer/TraceBuffer.h"
+
+namespace Tracing {
+
+bool TraceBufferInfo::IsServiceBuffer() const {
+    return TraceBuffer::IsServiceID(BufferID);
+}
+
+}  // namespace Tracing
