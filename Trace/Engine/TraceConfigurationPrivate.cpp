@@ -52,9 +52,10 @@ std::map<std::string, std::string> ReadConfigurationFile(const std::string& path
     return Internal::ParseConfigurationText(text.str());
 }
 
-// Buffers created before a name change carry the new name from now on.
+// Buffers created before a name change carry the new name from now on. Before the registry
+// exists there are none, and a name set that early must not make it with the default size.
 void PropagateNames() {
-    TraceRegistry::GetInstance().UpdateNamesOfAllCreatedBuffers();
+    TraceRegistry::UpdateNamesOfAllCreatedBuffersIfCreated();
 }
 
 }  // namespace
@@ -180,7 +181,7 @@ void TraceConfigurationPrivate::Initialize(const char* systemName, const char* a
         m_maxNumberOfBuffers.store(maxBuffers, std::memory_order_relaxed);
     if (maxModules != 0)
         m_maxNumberOfModules.store(maxModules, std::memory_order_relaxed);
-    // Last, because reaching the registry may create it, and it must see the new buffer count.
+    // Last, so that buffers renamed now see every other setting already in place.
     if (renamed)
         PropagateNames();
 }

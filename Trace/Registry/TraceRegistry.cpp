@@ -1,14 +1,22 @@
 #include "Trace/Registry/TraceRegistry.h"
 
+#include <algorithm>
+#include <cstring>
+
 #include "Trace/Diagnostics/TraceDiagnostics.h"
 #include "Trace/Engine/TraceConfigurationPrivate.h"
 #include "Trace/Ipc/TraceProcessData.h"
 #include "Trace/Ipc/TraceSharedMemory.h"
+#include "Trace/Profiles/TraceProfile.h"
+#include "Trace/Reading/TraceUpdateManager.h"
 #include "Trace/Records/TraceMessage.h"
+#include "Trace/Registry/ITraceRegistryDataChangedListener.h"
+#include "Trace/Registry/TraceBufferFilterCriteria.h"
 #include "Trace/Registry/TraceReceiverCommandStore.h"
 #include "Trace/Registry/TraceRegistryData.h"
 #include "Trace/Time/TraceTimer.h"
 #include "platform/CreationGuard.h"
+#include "platform/Process.h"
 #include "platform/Thread.h"
 
 namespace Tracing {
@@ -25,6 +33,29 @@ void ReportInfo(const TraceMessage& message) {
 void ReportFailure(const TraceMessage& message) {
     TraceSharedMemory::writeErrorEventLog("TraceRegistry", message.Format().c_str());
     TraceDiagnostics::GetInstance().Warning(message);
+}
+
+void ReportWarning(const TraceMessage& message) {
+    TraceSharedMemory::writeWarningEventLog("TraceRegistry", message.Format().c_str());
+    TraceDiagnostics::GetInstance().Warning(message);
+}
+
+// Buffer bookkeeping; callers test this before building the message.
+bool BufferReportsWanted() {
+    return TraceDiagnostics::IsActive(DiagnosticCategory::Buffer);
+}
+
+void ReportBuffer(Severity::Type severity, const TraceMessage& message) {
+    TraceDiagnostics::GetInstance().Report(DiagnosticCategory::Buffer, severity, message);
+}
+
+uint64_t AddressOf(const void* object) {
+    return static_cast<uint64_t>(reinterpret_cast<uintptr_t>(object));
+}
+
+// Names are compared as they are stored: over at most 32 characters.
+bool SameName(const char* a, const char* b) {
+    return std::strncmp(a, b, TraceRegistryDataItem::MaxNameLength) == 0;
 }
 
 // The creation guard, held for the lifetime of this object; nothing is held when all attempts fail
@@ -97,12 +128,32 @@ SHMErrorCodes::Values CheckAttachedBlock(TraceRegistryData& data, const TraceSha
 
 }  // namespace
 
+std::atomic<TraceRegistry*> TraceRegistry::s_instance{nullptr};
+
+class TraceRegistry::BlockLock {
+public:
+    explicit BlockLock(TraceRegistryData& data) : m_data(&data) { m_data->Lock(); }
+    ~BlockLock() { Unlock(); }
+    void Unlock() {
+        if (m_data != nullptr)
+            m_data->Unlock();
+        m_data = nullptr;
+    }
+    BlockLock(const BlockLock&) = delete;
+    BlockLock& operator=(const BlockLock&) = delete;
+
+private:
+    TraceRegistryData* m_data;
+};
+
 TraceRegistry& TraceRegistry::GetInstance() {
     static TraceRegistry* const instance = [] {
         // Made first so that they outlive the registry.
         TraceConfigurationPrivate::GetInstance();
+        TraceUpdateManager::GetInstance();
         TraceTimer::GetInstance();
         static TraceRegistry registry;
+        s_instance.store(&registry, std::memory_order_seq_cst);
         return &registry;
     }();
     instance->InitializeOnce();
@@ -114,9 +165,15 @@ TraceRegistry::TraceRegistry()
       m_serviceMemory(std::make_unique<TraceSharedMemory>()) {}
 
 TraceRegistry::~TraceRegistry() {
+    s_instance.store(nullptr, std::memory_order_seq_cst);
     // Timestamps taken after this point must not read the unmapped block.
     TraceTimer::GetInstance().BindReference(nullptr);
     std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    // The buffers go before the block they are registered in.
+    m_createdBuffers.clear();
+    m_producerBuffers.clear();
+    m_consumerBuffers.clear();
+    m_dataChangedListeners.clear();
     m_receiverCommandStore.reset();
     m_data = nullptr;
     m_serviceData = nullptr;
@@ -343,12 +400,620 @@ uint32_t* TraceRegistry::GetGlobalTraceIDCounter() const {
     return m_data != nullptr ? m_data->GetGlobalTraceCounterAddress() : nullptr;
 }
 
-void TraceRegistry::UpdateNamesOfAllCreatedBuffers() {
-    // No buffer of this process carries the names yet, so there is nothing to carry over.
-}
-
 bool TraceRegistry::IsProcessAlive(int64_t pid, bool) {
     return TraceProcessData::IsProcessAlive(pid);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Buffer registration and lookup
+
+size_t TraceRegistry::BufferAddressHash::operator()(const TraceBuffer* buffer) const noexcept {
+    unsigned char bytes[sizeof buffer];
+    std::memcpy(bytes, &buffer, sizeof buffer);
+    uint64_t hash = 0xcbf29ce484222325ull;
+    for (unsigned char byte : bytes) {
+        hash ^= byte;
+        hash *= 0x100000001b3ull;
+    }
+    return static_cast<size_t>(hash);
+}
+
+bool TraceRegistry::IsUpdateManagerRunning() {
+    return TraceUpdateManager::GetInstance().IsRunning();
+}
+
+void TraceRegistry::IncChangeCounterForBufferChange() {
+    IncChangeCounter();
+}
+
+unsigned TraceRegistry::GetUsableItemCount(const TraceRegistryData* data) const {
+    const TraceSharedMemory* memory = data == m_data          ? m_registryMemory.get()
+                                      : data == m_serviceData ? m_serviceMemory.get()
+                                                              : nullptr;
+    if (data == nullptr || memory == nullptr || memory->size() < TraceRegistryData::SizeWithoutBufferArray)
+        return 0;
+    // The count was checked when the block was attached; another process may have written it since.
+    const uint64_t fitting =
+        (memory->size() - TraceRegistryData::SizeWithoutBufferArray) / sizeof(TraceRegistryDataItem);
+    return static_cast<unsigned>(std::min<uint64_t>(data->GetSizeOfBufferArray(), fitting));
+}
+
+TraceBuffer* TraceRegistry::RegisterBuffer(const char* subSystemName, const char* moduleName,
+                                           TimestampMode::Type timestampMode, uint32_t maxModules,
+                                           uint32_t streamSize, TraceBuffer::ErrorType* error) {
+    const TraceConfigurationPrivate& configuration = TraceConfigurationPrivate::GetInstance();
+    const BufferRequest request{Platform::CurrentProcessId(),
+                                TraceBuffer::HostName_Local,
+                                TraceBuffer::HostName_Local,
+                                configuration.GetSystemName(),
+                                configuration.GetApplicationName(),
+                                subSystemName != nullptr ? subSystemName : "",
+                                moduleName != nullptr ? moduleName : "",
+                                timestampMode,
+                                maxModules,
+                                streamSize};
+    TraceBuffer::ErrorType result = TraceBuffer::Success;
+    TraceBuffer* buffer = Register(request, result);
+    if (error != nullptr)
+        *error = result;
+    return buffer;
+}
+
+TraceBuffer* TraceRegistry::RegisterRemoteBuffer(int64_t processID, const char* hostName,
+                                                 const char* systemName, const char* applicationName,
+                                                 const char* subSystemName, const char* moduleName,
+                                                 TimestampMode::Type timestampMode, uint32_t maxModules,
+                                                 uint32_t streamSize, TraceBuffer::ErrorType* error) {
+    TraceBuffer::ErrorType result = TraceBuffer::SharedMemoryFailed;
+    TraceBuffer* buffer = nullptr;
+    if (hostName != nullptr && *hostName != '\0') {
+        const std::string host(hostName, strnlen(hostName, TraceRegistryDataItem::MaxNameLength));
+        // The suffix must fit the 32 characters of the registry's host field.
+        const size_t suffixAt =
+            host.size() < TraceRegistryDataItem::MaxNameLength - 1 ? host.size() : host.size() - 2;
+        for (char attempt = '0'; attempt <= '9'; ++attempt) {
+            std::string registryHost = host;
+            if (attempt != '0') {
+                registryHost.resize(suffixAt);
+                registryHost += ':';
+                registryHost += attempt;
+            }
+            const BufferRequest request{processID,
+                                        hostName,
+                                        registryHost.c_str(),
+                                        systemName != nullptr ? systemName : "",
+                                        applicationName != nullptr ? applicationName : "",
+                                        subSystemName != nullptr ? subSystemName : "",
+                                        moduleName != nullptr ? moduleName : "",
+                                        timestampMode,
+                                        maxModules,
+                                        streamSize};
+            buffer = Register(request, result);
+            // "Already registered" and "name taken" try the next suffix; anything else is final.
+            if (buffer != nullptr ||
+                (result != TraceBuffer::AlreadyCreated && result != TraceBuffer::SharedMemoryFailed))
+                break;
+        }
+    }
+    if (error != nullptr)
+        *error = result;
+    return buffer;
+}
+
+TraceBuffer* TraceRegistry::FindBuffer(const BufferMap& buffers, int64_t processID, const char* hostName,
+                                       const char* registryHostName, const char* subSystemName) {
+    for (const auto& [id, buffer] : buffers) {
+        if (buffer->GetProcessID() == processID && SameName(buffer->GetHostName(), hostName) &&
+            SameName(buffer->GetSubSystemName(), subSystemName) &&
+            (*registryHostName == '\0' || SameName(buffer->GetRegistryHostName().c_str(), registryHostName)))
+            return buffer.get();
+    }
+    return nullptr;
+}
+
+TraceBuffer* TraceRegistry::Register(const BufferRequest& request, TraceBuffer::ErrorType& error) {
+    std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    if (m_data == nullptr) {
+        error = TraceBuffer::SharedMemoryFailed;
+        return nullptr;
+    }
+    BlockLock blockLock(*m_data);
+    SynchronizeProducerBuffers();
+    TraceBuffer* found = FindBuffer(m_producerBuffers, request.processID, request.hostName,
+                                    request.registryHostName, request.subSystemName);
+    if (found == nullptr)
+        return CreateAndEnter(request, error, blockLock);
+
+    error = TraceBuffer::AlreadyCreated;
+    if (found->GetCreatorProcessID() == Platform::CurrentProcessId()) {
+        // The first registration decided the module count.
+        if (request.maxModules != 0 && found->GetSizeOfModuleArray() != request.maxModules &&
+            BufferReportsWanted()) {
+            ReportBuffer(Severity::Verbose,
+                         TraceMessage("The buffer is already registered with different module count: "
+                                      "BufferID: %1, PID: %2, host: %3, subsys: %4, module: %5, module "
+                                      "count: %6, needed module count: %7.")
+                             .Add(found->GetBufferID())
+                             .Add(request.processID)
+                             .Add(request.hostName)
+                             .Add(request.subSystemName)
+                             .Add(request.moduleName)
+                             .Add(found->GetSizeOfModuleArray())
+                             .Add(request.maxModules));
+        }
+        return found;
+    }
+    ReportFailure(TraceMessage("Failed to register buffer: BufferID: %1, PID: %2, host: %3, subsys: %4, "
+                               "module: %5, module count: %6. Already registered by process %7.")
+                      .Add(found->GetBufferID())
+                      .Add(request.processID)
+                      .Add(request.hostName)
+                      .Add(request.subSystemName)
+                      .Add(request.moduleName)
+                      .Add(found->GetSizeOfModuleArray())
+                      .Add(found->GetCreatorProcessID()));
+    return nullptr;
+}
+
+TraceBuffer* TraceRegistry::CreateAndEnter(const BufferRequest& request, TraceBuffer::ErrorType& error,
+                                           BlockLock& blockLock) {
+    // One counter for the whole machine: no two processes ever draw the same ID.
+    const int32_t drawn = m_data->GetAtomicNextFreeBufferID().fetch_add(1, std::memory_order_seq_cst);
+    m_lastAssignedBufferID = drawn;
+    const int32_t id = TraceBuffer::MaskID(drawn, TraceConfigurationPrivate::IsService());
+
+    auto buffer = std::make_unique<TraceBuffer>();
+    const TraceBuffer::ErrorType created =
+        buffer->Create(id, request.processID, request.timestampMode, request.hostName,
+                       request.registryHostName, request.systemName, request.applicationName,
+                       request.subSystemName, request.maxModules, request.streamSize);
+    if (created != TraceBuffer::Success) {
+        ReportFailure(TraceMessage("Failed to create buffer: BufferID: %1, PID: %2, host: %3, subsys: %4, "
+                                   "module: %5, error: %6.")
+                          .Add(id)
+                          .Add(request.processID)
+                          .Add(request.hostName)
+                          .Add(request.subSystemName)
+                          .Add(request.moduleName)
+                          .Add(static_cast<int32_t>(created)));
+        error = created;
+        // Other processes wait for the lock; the buffer goes after it is released.
+        blockLock.Unlock();
+        return nullptr;
+    }
+    if (BufferReportsWanted()) {
+        ReportBuffer(Severity::Verbose, TraceMessage("Buffer created successfully: BufferID: %1, PID: %2, "
+                                                     "host: %3, subsys: %4, module: %5.")
+                                            .Add(id)
+                                            .Add(request.processID)
+                                            .Add(request.hostName)
+                                            .Add(request.subSystemName)
+                                            .Add(request.moduleName));
+    }
+
+    TraceRegistryDataItem* item =
+        m_data->ActivateFirstFreeItem(id, request.processID, request.registryHostName, request.subSystemName);
+    if (item == nullptr) {
+        ReportWarning(TraceMessage("Failed to register buffer. Attempting to clean registry. BufferID: %1, "
+                                   "PID: %2, host: %3, subsys: %4, module: %5. Maximum number of buffers "
+                                   "reached.")
+                          .Add(id)
+                          .Add(request.processID)
+                          .Add(request.hostName)
+                          .Add(request.subSystemName)
+                          .Add(request.moduleName));
+        CleanUpRegistry();
+        item = m_data->ActivateFirstFreeItem(id, request.processID, request.registryHostName,
+                                             request.subSystemName);
+    }
+    if (item == nullptr) {
+        // The buffer's memory goes with the object; nobody could find it anyway.
+        ReportFailure(TraceMessage("Failed to register buffer: BufferID: %1, PID: %2, host: %3, subsys: %4, "
+                                   "module: %5. Maximum number of buffers reached.")
+                          .Add(id)
+                          .Add(request.processID)
+                          .Add(request.hostName)
+                          .Add(request.subSystemName)
+                          .Add(request.moduleName));
+        error = TraceBuffer::NoFreeRegistryItem;
+        blockLock.Unlock();
+        return nullptr;
+    }
+    if (BufferReportsWanted())
+        ReportBuffer(Severity::Verbose,
+                     TraceMessage("Buffer registered successfully: BufferID: %1.").Add(id));
+
+    TraceBuffer* registered = buffer.get();
+    auto& slot = m_producerBuffers[id];
+    // Only after the 30-bit ID space wrapped could an old buffer still hold this ID.
+    if (slot)
+        m_createdBuffers.erase(slot.get());
+    slot = std::move(buffer);
+    m_createdBuffers.insert(registered);
+    IncChangeCounterForBufferChange();
+    if (IsUpdateManagerRunning()) {
+        m_buffersToAnnounce.insert(id);
+        m_updateNeeded.exchange(1, std::memory_order_seq_cst);
+    }
+    error = TraceBuffer::Success;
+    return registered;
+}
+
+void TraceRegistry::SynchronizeProducerBuffers() {
+    const uint32_t counter = m_data->GetAtomicChangeCounter().load(std::memory_order_seq_cst);
+    if (counter == m_synchronizedChangeCounter)
+        return;
+    m_synchronizedChangeCounter = counter;
+
+    const size_t before = m_producerBuffers.size();
+    const int64_t pid = Platform::CurrentProcessId();
+    TraceRegistryDataItem* items = m_data->GetBufferArray();
+    for (unsigned i = 0, n = GetUsableItemCount(m_data); i < n; ++i) {
+        const TraceRegistryDataItem& item = items[i];
+        const int32_t id = item.GetBufferID();
+        if (!item.IsActivated() || item.GetProcessID() != pid || !TraceBuffer::IsLocal(item.GetHostName()) ||
+            m_producerBuffers.count(id) != 0)
+            continue;
+        auto buffer = std::make_unique<TraceBuffer>();
+        const TraceBuffer::ErrorType result =
+            buffer->Attach(id, pid, item.GetHostName(), item.GetSubSystemName());
+        if (result != TraceBuffer::Success) {
+            ReportFailure(TraceMessage("Couldn't attach to trace buffer! BufferID: %1, error: %2.")
+                              .Add(id)
+                              .Add(static_cast<int32_t>(result)));
+            continue;
+        }
+        if (BufferReportsWanted()) {
+            ReportBuffer(Severity::Verbose,
+                         TraceMessage("Attached to trace buffer successfully. BufferID: %1, "
+                                      "PID: %2, host: '%3', subsys: '%4'.")
+                             .Add(id)
+                             .Add(pid)
+                             .Add(item.GetHostName())
+                             .Add(item.GetSubSystemName()));
+        }
+        m_producerBuffers.emplace(id, std::move(buffer));
+    }
+    if (BufferReportsWanted()) {
+        ReportBuffer(Severity::Verbose,
+                     TraceMessage("Synchronization of buffers finish. Buffer count before: %1 after: %2")
+                         .Add(static_cast<uint64_t>(before))
+                         .Add(static_cast<uint64_t>(m_producerBuffers.size())));
+    }
+}
+
+void TraceRegistry::CleanUpRegistry() {
+    if (m_data == nullptr) {
+        ReportFailure(TraceMessage("TraceRegistry shared memory data missing."));
+        return;
+    }
+    const unsigned count = GetUsableItemCount(m_data);
+    if (count == 0) {
+        ReportFailure(TraceMessage("TraceRegistry shared memory buffer items missing."));
+        return;
+    }
+    TraceRegistryDataItem* items = m_data->GetBufferArray();
+    std::string name;
+    for (unsigned i = 0; i < count; ++i) {
+        TraceRegistryDataItem& item = items[i];
+        if (!item.IsActivated())
+            continue;
+        const int32_t id = item.GetBufferID();
+        TraceBuffer::GetSHMName(name, item.GetProcessID(), item.GetHostName(), item.GetSubSystemName(),
+                                TraceBuffer::IsServiceID(id));
+        // A buffer exists exactly as long as some process holds its memory.
+        TraceSharedMemory memory(name.c_str());
+        if (memory.attach(TraceSharedMemory::ReadOnly, TraceSharedMemory::AttachDefault)) {
+            memory.detach();
+        } else if (memory.error() == TraceSharedMemory::NotFound) {
+            item.Deactivate();
+        } else {
+            ReportFailure(TraceMessage("Failed to connect to trace buffer during cleanup. Error: %1. "
+                                       "ProcessID: %2, BufferID: %3, Hostname: %4, Subsystem: %5.")
+                              .Add(memory.errorString())
+                              .Add(item.GetProcessID())
+                              .Add(id)
+                              .Add(item.GetHostName())
+                              .Add(item.GetSubSystemName()));
+        }
+    }
+}
+
+TraceRegistry::ErrorType TraceRegistry::UnregisterBuffer(TraceBuffer* buffer) {
+    {
+        std::lock_guard<std::recursive_mutex> lock(m_mutex);
+        if (buffer == nullptr || m_createdBuffers.count(buffer) == 0)
+            return NotCreatedHere;
+    }
+    std::unique_ptr<TraceBuffer> removed;
+    int32_t id = -1;
+    {
+        std::lock_guard<std::recursive_mutex> lock(m_mutex);
+        // Another thread may have unregistered it while the mutex was free.
+        if (m_data == nullptr || m_createdBuffers.count(buffer) == 0)
+            return NotCreatedHere;
+        id = buffer->GetBufferID();
+        if (BufferReportsWanted())
+            ReportBuffer(Severity::Verbose, TraceMessage("Unregistering the buffer: BufferID: %1.").Add(id));
+        buffer->WaitBeforeClose();
+        for (auto it = m_producerBuffers.begin(); it != m_producerBuffers.end(); ++it) {
+            if (it->second.get() == buffer) {
+                removed = std::move(it->second);
+                m_producerBuffers.erase(it);
+                break;
+            }
+        }
+        m_createdBuffers.erase(buffer);
+        // A buffer that is gone again must not be announced as new.
+        m_buffersToAnnounce.erase(id);
+        {
+            BlockLock blockLock(*m_data);
+            m_data->DeactivateItem(id);
+        }
+        IncChangeCounterForBufferChange();
+        if (BufferReportsWanted())
+            ReportBuffer(Severity::Verbose,
+                         TraceMessage("Buffer unregistered successfully: BufferID: %1.").Add(id));
+    }
+    FireBuffersDeleted({id});
+    if (BufferReportsWanted())
+        ReportBuffer(Severity::Verbose, TraceMessage("Buffer deleted successfully: BufferID: %1.").Add(id));
+    removed.reset();
+    return Done;
+}
+
+TraceBuffer* TraceRegistry::LookUp(const BufferMap& buffers, int32_t bufferID) {
+    std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    if (m_data == nullptr || bufferID < 0)
+        return nullptr;
+    {
+        BlockLock blockLock(*m_data);
+        SynchronizeProducerBuffers();
+    }
+    const auto it = buffers.find(bufferID);
+    return it != buffers.end() ? it->second.get() : nullptr;
+}
+
+TraceBuffer* TraceRegistry::GetProducerBuffer(int32_t bufferID) {
+    return LookUp(m_producerBuffers, bufferID);
+}
+
+TraceBuffer* TraceRegistry::GetConsumerBuffer(int32_t bufferID) {
+    return LookUp(m_consumerBuffers, bufferID);
+}
+
+TraceBuffer* TraceRegistry::GetConsumerBuffer(int64_t processID, const char* hostName,
+                                              const char* subSystemName) {
+    std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    return FindBuffer(m_consumerBuffers, processID, hostName != nullptr ? hostName : "",
+                      TraceBuffer::HostName_Local, subSystemName != nullptr ? subSystemName : "");
+}
+
+void TraceRegistry::Browse(const BufferMap& buffers, std::vector<std::unique_ptr<TraceBufferInfo>>& infos,
+                           const TraceBufferFilterCriteria* criteria) {
+    std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    if (m_data == nullptr)
+        return;
+    infos.clear();
+    for (const auto& [id, buffer] : buffers) {
+        if (criteria != nullptr && !criteria->Matches(*buffer))
+            continue;
+        auto info = std::make_unique<TraceBufferInfo>();
+        buffer->GetInfo(*info);
+        infos.push_back(std::move(info));
+    }
+}
+
+void TraceRegistry::ProducerBrowse(std::vector<std::unique_ptr<TraceBufferInfo>>& infos) {
+    Browse(m_producerBuffers, infos, nullptr);
+}
+
+void TraceRegistry::ProducerBrowse(std::vector<std::unique_ptr<TraceBufferInfo>>& infos,
+                                   const TraceBufferFilterCriteria& criteria) {
+    Browse(m_producerBuffers, infos, &criteria);
+}
+
+void TraceRegistry::ConsumerBrowse(std::vector<std::unique_ptr<TraceBufferInfo>>& infos) {
+    Browse(m_consumerBuffers, infos, nullptr);
+}
+
+void TraceRegistry::ConsumerBrowse(std::vector<std::unique_ptr<TraceBufferInfo>>& infos,
+                                   const TraceBufferFilterCriteria& criteria) {
+    Browse(m_consumerBuffers, infos, &criteria);
+}
+
+size_t TraceRegistry::GetConsumerBufferCount() const {
+    std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    return m_data != nullptr ? m_consumerBuffers.size() : 0;
+}
+
+void TraceRegistry::RegisterInterest(int32_t bufferID) {
+    std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    if (const auto it = m_consumerBuffers.find(bufferID); it != m_consumerBuffers.end())
+        it->second->RegisterInterest();
+}
+
+void TraceRegistry::UnregisterInterest(int32_t bufferID) {
+    std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    if (const auto it = m_consumerBuffers.find(bufferID); it != m_consumerBuffers.end())
+        it->second->UnregisterInterest();
+}
+
+TraceBuffer* TraceRegistry::AttachConsumerBuffer(int32_t bufferID) {
+    std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    if (m_data == nullptr || bufferID < 0)
+        return nullptr;
+    if (const auto it = m_consumerBuffers.find(bufferID); it != m_consumerBuffers.end())
+        return it->second.get();
+    TraceRegistryData* block =
+        TraceBuffer::IsServiceID(bufferID) && m_serviceData != nullptr ? m_serviceData : m_data;
+    int64_t processID = 0;
+    std::string host;
+    std::string subsystem;
+    {
+        // The names of an item are read under the lock.
+        BlockLock blockLock(*block);
+        const TraceRegistryDataItem* items = block->GetBufferArray();
+        const TraceRegistryDataItem* item = nullptr;
+        for (unsigned i = 0, n = GetUsableItemCount(block); i < n && item == nullptr; ++i) {
+            if (items[i].GetBufferID() == bufferID)
+                item = &items[i];
+        }
+        if (item == nullptr)
+            return nullptr;
+        processID = item->GetProcessID();
+        host = item->GetHostName();
+        subsystem = item->GetSubSystemName();
+    }
+    return AttachConsumerBuffer(bufferID, processID, host.c_str(), subsystem.c_str());
+}
+
+TraceBuffer* TraceRegistry::AttachConsumerBuffer(int32_t bufferID, int64_t processID, const char* hostName,
+                                                 const char* subSystemName) {
+    std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    if (const auto it = m_consumerBuffers.find(bufferID); it != m_consumerBuffers.end())
+        return it->second.get();
+    auto buffer = std::make_unique<TraceBuffer>();
+    const TraceBuffer::ErrorType result = buffer->Attach(bufferID, processID, hostName, subSystemName);
+    if (result != TraceBuffer::Success) {
+        TraceDiagnostics::GetInstance().Warning(
+            TraceMessage("Couldn't attach to trace buffer! BufferID: %1, error: %2.")
+                .Add(bufferID)
+                .Add(static_cast<int32_t>(result)));
+        return nullptr;
+    }
+    if (BufferReportsWanted()) {
+        ReportBuffer(Severity::Verbose, TraceMessage("Attached to trace buffer successfully. BufferID: %1, "
+                                                     "PID: %2, host: '%3', subsys: '%4'.")
+                                            .Add(bufferID)
+                                            .Add(processID)
+                                            .Add(hostName)
+                                            .Add(subSystemName));
+    }
+    TraceBuffer* attached = buffer.get();
+    m_consumerBuffers.emplace(bufferID, std::move(buffer));
+    return attached;
+}
+
+void TraceRegistry::RegisterDataChangedListener(ITraceRegistryDataChangedListener* listener) {
+    std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    if (listener == nullptr)
+        return;
+    if (std::find(m_dataChangedListeners.begin(), m_dataChangedListeners.end(), listener) !=
+        m_dataChangedListeners.end()) {
+        if (BufferReportsWanted()) {
+            ReportBuffer(Severity::Verbose,
+                         TraceMessage("Couldn't register ITraceRegistryDataChangedListener "
+                                      "(0x%1:x). Already registered.")
+                             .Add(AddressOf(listener)));
+        }
+        return;
+    }
+    m_dataChangedListeners.push_back(listener);
+    if (BufferReportsWanted()) {
+        ReportBuffer(
+            Severity::Verbose,
+            TraceMessage("ITraceRegistryDataChangedListener (0x%1:x) registered.").Add(AddressOf(listener)));
+    }
+}
+
+void TraceRegistry::UnregisterDataChangedListener(ITraceRegistryDataChangedListener* listener) {
+    std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    const auto it = std::find(m_dataChangedListeners.begin(), m_dataChangedListeners.end(), listener);
+    if (it == m_dataChangedListeners.end()) {
+        // No final full stop: the text is matched as it always was.
+        if (BufferReportsWanted()) {
+            ReportBuffer(Severity::Verbose,
+                         TraceMessage("Couldn't unregister ITraceRegistryDataChangedListener "
+                                      "(0x%1:x). Not registered")
+                             .Add(AddressOf(listener)));
+        }
+        return;
+    }
+    m_dataChangedListeners.erase(it);
+    if (BufferReportsWanted()) {
+        ReportBuffer(Severity::Verbose,
+                     TraceMessage("ITraceRegistryDataChangedListener (0x%1:x) unregistered.")
+                         .Add(AddressOf(listener)));
+    }
+}
+
+void TraceRegistry::FireBuffersCreated(const std::unordered_set<int>& bufferIDs) {
+    std::vector<ITraceRegistryDataChangedListener*> listeners;
+    {
+        std::lock_guard<std::recursive_mutex> lock(m_mutex);
+        listeners = m_dataChangedListeners;
+    }
+    // Called on a copy without the mutex: a listener may (un)register listeners or use the registry.
+    for (ITraceRegistryDataChangedListener* listener : listeners) {
+        if (BufferReportsWanted()) {
+            ReportBuffer(Severity::Call, TraceMessage("ITraceRegistryDataChangedListener (0x%1:x) called. "
+                                                      "OnBuffersCreated, %2 buffers.")
+                                             .Add(AddressOf(listener))
+                                             .Add(static_cast<uint64_t>(bufferIDs.size())));
+        }
+        listener->OnBuffersCreated(bufferIDs);
+    }
+}
+
+void TraceRegistry::FireBuffersDeleted(const std::unordered_set<int>& bufferIDs) {
+    std::vector<ITraceRegistryDataChangedListener*> listeners;
+    {
+        std::lock_guard<std::recursive_mutex> lock(m_mutex);
+        listeners = m_dataChangedListeners;
+    }
+    for (ITraceRegistryDataChangedListener* listener : listeners) {
+        if (BufferReportsWanted()) {
+            ReportBuffer(Severity::Call, TraceMessage("ITraceRegistryDataChangedListener (0x%1:x) called. "
+                                                      "OnBuffersDeleted, %2 buffers.")
+                                             .Add(AddressOf(listener))
+                                             .Add(static_cast<uint64_t>(bufferIDs.size())));
+        }
+        listener->OnBuffersDeleted(bufferIDs);
+    }
+}
+
+void TraceRegistry::UpdateNamesOfAllCreatedBuffers() {
+    std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    const TraceConfigurationPrivate& configuration = TraceConfigurationPrivate::GetInstance();
+    const char* system = configuration.GetSystemName();
+    const char* application = configuration.GetApplicationName();
+    if (BufferReportsWanted()) {
+        ReportBuffer(Severity::Verbose, TraceMessage("The application or the system name has been changed "
+                                                     "(sys: '%1', app: '%2'). Updating the corresponding "
+                                                     "buffers...")
+                                            .Add(system)
+                                            .Add(application));
+    }
+    for (const auto& [id, buffer] : m_producerBuffers) {
+        // A remote buffer carries the names of the process it stands for, not this one's.
+        if (m_createdBuffers.count(buffer.get()) == 0 || !buffer->IsLocal())
+            continue;
+        buffer->SetSystemName(system);
+        buffer->SetApplicationName(application);
+        if (BufferReportsWanted()) {
+            ReportBuffer(Severity::Verbose,
+                         TraceMessage("The application and system name of the buffer '%1' has been updated.")
+                             .Add(buffer->GetSubSystemName()));
+        }
+    }
+}
+
+void TraceRegistry::UpdateNamesOfAllCreatedBuffersIfCreated() {
+    if (TraceRegistry* registry = s_instance.load(std::memory_order_seq_cst))
+        registry->UpdateNamesOfAllCreatedBuffers();
+}
+
+void TraceRegistry::GetLocalTraceProfile(TraceProfile& profile) {
+    std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    for (const auto& [id, buffer] : m_producerBuffers)
+        buffer->AddToProfile(profile);
+}
+
+void TraceRegistry::GetGlobalTraceProfile(TraceProfile& profile) {
+    std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    for (const auto& [id, buffer] : m_consumerBuffers)
+        buffer->AddToProfile(profile);
 }
 
 }  // namespace Tracing

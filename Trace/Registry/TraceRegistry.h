@@ -5,26 +5,96 @@
 // flag. A process that is not a service also attaches the service registry (the same name in the
 // global namespace) when one exists. Without a registry block the object still exists and every
 // accessor returns a neutral value, so the library keeps working without cross-process registration.
+//
+// Buffers: the producer map holds the buffers this process created (or found again as their
+// producer), the consumer map those attached for reading; both own their objects. Registration,
+// lookup and browse run under the in-process recursive mutex, and, where they touch the item array,
+// under the block's TraceIpcLock taken after it.
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
+#include <unordered_set>
+#include <vector>
 
 #include "Trace/Buffer/SHMErrorCodes.h"
+#include "Trace/Buffer/TraceBuffer.h"
+#include "Trace/Buffer/TraceBufferInfo.h"
+#include "Trace/Time/TimestampMode.h"
 
 namespace Tracing {
 
+class ITraceRegistryDataChangedListener;
+class TraceBufferFilterCriteria;
+class TraceProfile;
 class TraceRegistryData;
 class TraceReceiverCommandStore;
 class TraceSharedMemory;
 
 class TraceRegistry {
 public:
+    enum ErrorType : int32_t {
+        Done = 0,
+        // UnregisterBuffer: the buffer was not created by this registry.
+        NotCreatedHere = 1,
+        NoRegistry = 2,
+        NoFreeItem = 6,
+    };
+
     static TraceRegistry& GetInstance();
+
+    // The buffer of this process with this subsystem name on this host, created and registered
+    // when there is none yet. The module name only appears in messages. A returned buffer is
+    // success whatever *error says: AlreadyCreated with a buffer means "registered before by this
+    // process"; null with AlreadyCreated means another process holds it. Sizes 0 = configured.
+    TraceBuffer* RegisterBuffer(const char* subSystemName, const char* moduleName,
+                                TimestampMode::Type timestampMode, uint32_t maxModules = 0,
+                                uint32_t streamSize = 0, TraceBuffer::ErrorType* error = nullptr);
+    // A collector registering a buffer of a process of another host. When that name is taken by
+    // another collector, the registry host name gets ":1" .. ":9" (within its 32 characters).
+    TraceBuffer* RegisterRemoteBuffer(int64_t processID, const char* hostName, const char* systemName,
+                                      const char* applicationName, const char* subSystemName,
+                                      const char* moduleName, TimestampMode::Type timestampMode,
+                                      uint32_t maxModules, uint32_t streamSize,
+                                      TraceBuffer::ErrorType* error = nullptr);
+    // Only buffers that registration created here; the object is destroyed once the listeners
+    // have been told. Waits while the buffer is younger than the configured close wait.
+    ErrorType UnregisterBuffer(TraceBuffer* buffer);
+
+    // Null when absent. The pointers stay valid until the buffer leaves its map.
+    TraceBuffer* GetProducerBuffer(int32_t bufferID);
+    TraceBuffer* GetConsumerBuffer(int32_t bufferID);
+    TraceBuffer* GetConsumerBuffer(int64_t processID, const char* hostName, const char* subSystemName);
+
+    // Replace the vector's content by a copy of each matching buffer's description, in ascending
+    // buffer ID; without a registry the vector is left as it is.
+    void ProducerBrowse(std::vector<std::unique_ptr<TraceBufferInfo>>& infos);
+    void ProducerBrowse(std::vector<std::unique_ptr<TraceBufferInfo>>& infos,
+                        const TraceBufferFilterCriteria& criteria);
+    void ConsumerBrowse(std::vector<std::unique_ptr<TraceBufferInfo>>& infos);
+    void ConsumerBrowse(std::vector<std::unique_ptr<TraceBufferInfo>>& infos,
+                        const TraceBufferFilterCriteria& criteria);
+    // 0 without a registry.
+    size_t GetConsumerBufferCount() const;
+
+    // A reader's claim on a consumer buffer; unknown IDs are ignored.
+    void RegisterInterest(int32_t bufferID);
+    void UnregisterInterest(int32_t bufferID);
+
+    void RegisterDataChangedListener(ITraceRegistryDataChangedListener* listener);
+    void UnregisterDataChangedListener(ITraceRegistryDataChangedListener* listener);
+
+    // Adds this process's producer buffers to the profile.
+    void GetLocalTraceProfile(TraceProfile& profile);
+    // Adds the buffers of the consumer map as it stands: attaching is the registry update's job,
+    // which also announces what it attached.
+    void GetGlobalTraceProfile(TraceProfile& profile);
 
     // Attaches the service registry unless it is attached already, this process is a service, or
     // the local registry has turned out to be the global one.
@@ -63,10 +133,12 @@ public:
     // The block's machine-wide trace-ID counter; null without a registry.
     uint32_t* GetGlobalTraceIDCounter() const;
 
-    bool UpdateIsNeeded() const { return m_updateNeeded.load(std::memory_order_seq_cst); }
+    bool UpdateIsNeeded() const { return m_updateNeeded.load(std::memory_order_seq_cst) != 0; }
 
-    // Carries a changed system or application name into the buffers this process created.
+    // Carries a changed system or application name into the local buffers this process created.
     void UpdateNamesOfAllCreatedBuffers();
+    // The same, but without making the registry: before it exists no buffer carries the names.
+    static void UpdateNamesOfAllCreatedBuffersIfCreated();
 
     // The second argument is not used.
     static bool IsProcessAlive(int64_t pid, bool unused = false);
@@ -75,6 +147,31 @@ public:
     TraceRegistry& operator=(const TraceRegistry&) = delete;
 
 private:
+    friend class TraceRegistryTestAccess;
+
+    // FNV-1a 64 over the bytes of the object's address.
+    struct BufferAddressHash {
+        size_t operator()(const TraceBuffer* buffer) const noexcept;
+    };
+    using BufferMap = std::map<int32_t, std::unique_ptr<TraceBuffer>>;
+
+    // What a registration asks for; the names are never null.
+    struct BufferRequest {
+        int64_t processID;
+        const char* hostName;
+        const char* registryHostName;
+        const char* systemName;
+        const char* applicationName;
+        const char* subSystemName;
+        const char* moduleName;
+        TimestampMode::Type timestampMode;
+        uint32_t maxModules;
+        uint32_t streamSize;
+    };
+
+    // The block's TraceIpcLock for a scope, or until Unlock.
+    class BlockLock;
+
     TraceRegistry();
     ~TraceRegistry();
 
@@ -87,6 +184,38 @@ private:
     void SetUpBlock();
     void TryAttachServiceRegistryLocked();
 
+    TraceBuffer* Register(const BufferRequest& request, TraceBuffer::ErrorType& error);
+    // Registration's second half: a new ID, a new buffer and a free item (block lock held).
+    TraceBuffer* CreateAndEnter(const BufferRequest& request, TraceBuffer::ErrorType& error,
+                                BlockLock& blockLock);
+    // Finds the buffers that another copy of the library in this process created (block lock held).
+    void SynchronizeProducerBuffers();
+    // Frees the items whose buffer no longer exists (block lock held).
+    void CleanUpRegistry();
+    // The first buffer of the map with these names, in ascending ID; an empty registry host name
+    // is not compared.
+    static TraceBuffer* FindBuffer(const BufferMap& buffers, int64_t processID, const char* hostName,
+                                   const char* registryHostName, const char* subSystemName);
+    TraceBuffer* LookUp(const BufferMap& buffers, int32_t bufferID);
+    void Browse(const BufferMap& buffers, std::vector<std::unique_ptr<TraceBufferInfo>>& infos,
+                const TraceBufferFilterCriteria* criteria);
+
+    // Attaches a buffer of the registry for reading and enters it in the consumer map; the one
+    // already there is returned as it is. The registry update builds on this and announces.
+    TraceBuffer* AttachConsumerBuffer(int32_t bufferID);
+    TraceBuffer* AttachConsumerBuffer(int32_t bufferID, int64_t processID, const char* hostName,
+                                      const char* subSystemName);
+
+    void FireBuffersCreated(const std::unordered_set<int>& bufferIDs);
+    void FireBuffersDeleted(const std::unordered_set<int>& bufferIDs);
+
+    // The items within the mapping, whatever the block's header claims; 0 without the block.
+    unsigned GetUsableItemCount(const TraceRegistryData* data) const;
+    // Through the registry updater once it exists.
+    void IncChangeCounterForBufferChange();
+    // The only place that asks whether the updater thread polls the registry.
+    static bool IsUpdateManagerRunning();
+
     std::unique_ptr<TraceSharedMemory> m_registryMemory;
     SHMErrorCodes::Values m_creationErrorCode = static_cast<SHMErrorCodes::Values>(1);
     // The local block; null without a registry. Its counters are reached through its atomic accessors.
@@ -98,8 +227,25 @@ private:
     TraceRegistryData* m_serviceData = nullptr;
     bool m_tryServiceRegistry = true;
 
+    // Recursive: listeners and buffers may call back into the registry on the same thread.
     mutable std::recursive_mutex m_mutex;
-    std::atomic<bool> m_updateNeeded{false};
+    // 1 when buffers were registered that the next registry update must announce.
+    std::atomic<uint32_t> m_updateNeeded{0};
+
+    // The following are guarded by m_mutex.
+    BufferMap m_producerBuffers;
+    BufferMap m_consumerBuffers;
+    // The buffers registration created; UnregisterBuffer accepts only these.
+    std::unordered_set<const TraceBuffer*, BufferAddressHash> m_createdBuffers;
+    int32_t m_lastAssignedBufferID = -1;
+    // Registered while the update manager runs, waiting for the next update to announce them.
+    std::unordered_set<int> m_buffersToAnnounce;
+    // The block's change counter at the last producer synchronisation.
+    uint32_t m_synchronizedChangeCounter = 0;
+    std::vector<ITraceRegistryDataChangedListener*> m_dataChangedListeners;
+
+    // Set once the singleton exists, so that a name change can tell without creating it.
+    static std::atomic<TraceRegistry*> s_instance;
 
     // Once-per-process set-up after construction; the thread running it may re-enter GetInstance.
     std::mutex m_initializeMutex;
