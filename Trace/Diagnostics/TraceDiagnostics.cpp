@@ -56,8 +56,9 @@ std::atomic<uint32_t>& TraceDiagnostics::ActiveCategories() {
 }
 
 TraceDiagnostics& TraceDiagnostics::GetInstance() {
-    static TraceDiagnostics instance;
-    return instance;
+    // Never destroyed: the updater thread and exit-time destructors may still report.
+    static TraceDiagnostics* const instance = new TraceDiagnostics;
+    return *instance;
 }
 
 TraceDiagnostics::TraceDiagnostics() : m_private(new Private) {
