@@ -80,7 +80,7 @@ private:
     }
 
     uint32_t m_state = 0;
-    uint32_t m_padding = 0;
+    [[maybe_unused]] uint32_t m_padding = 0;
     TraceProcessData m_owner;
 
     static void CheckLayout();

@@ -1,6 +1,7 @@
 // One field of a CSV or log line.
 #pragma once
 
+#include <istream>
 #include <ostream>
 #include <string>
 
@@ -18,5 +19,14 @@ void AppendCsvField(std::string& out, const char* text, std::size_t length, char
 // A quoted field runs to its closing quote (doubled quotes are one quote) or to the end of the
 // text; an unquoted one is trimmed of spaces and ends at the separator, CR, LF or the end.
 void ReadCsvField(const char*& cursor, std::string& out, char separator);
+
+// Reads one column of a log line: the unquoted form of ReadCsvField (a double quote is text).
+void ReadLogField(const char*& cursor, std::string& out, char separator);
+
+// Reads one logical line into out: physical lines are joined with a line feed while the count of
+// double quotes is odd (a quoted field holds a line break). One trailing carriage return is
+// dropped. A last physical line without a line feed is left out, so an unbalanced quote ends at
+// the end of the stream.
+void ReadCsvLine(std::istream& in, std::string& out);
 
 }  // namespace Tracing::Internal
