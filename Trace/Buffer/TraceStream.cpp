@@ -4,6 +4,9 @@
 #include <bit>
 #include <cstring>
 #include <string>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include "Trace/Diagnostics/TraceDiagnostics.h"
 #include "Trace/Engine/TraceConfigurationPrivate.h"
@@ -73,6 +76,36 @@ inline void CopyText(char* out, const char* in, size_t size) {
     }
 }
 
+// Length of a zero-terminated text. Short texts (almost every message and file name) are scanned
+// inline in aligned 16-byte blocks, which never cross a page, so reading past the terminator is
+// harmless; longer ones go to strlen.
+#if defined(__SSE2__) && !defined(__SANITIZE_ADDRESS__)
+inline size_t TextLength(const char* text) {
+    const uintptr_t address = reinterpret_cast<uintptr_t>(text);
+    const __m128i* block = reinterpret_cast<const __m128i*>(address & ~uintptr_t{15});
+    const __m128i zero = _mm_setzero_si128();
+    const unsigned first =
+        static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(_mm_load_si128(block), zero))) >>
+        (address & 15);
+    if (first != 0) [[likely]]
+        return static_cast<size_t>(__builtin_ctz(first));
+    for (int i = 0; i < 3; ++i) {
+        ++block;
+        const unsigned mask =
+            static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(_mm_load_si128(block), zero)));
+        if (mask != 0)
+            return static_cast<size_t>(reinterpret_cast<const char*>(block) - text) + __builtin_ctz(mask);
+    }
+    ++block;
+    const char* rest = reinterpret_cast<const char*>(block);
+    return static_cast<size_t>(rest - text) + std::strlen(rest);
+}
+#else
+inline size_t TextLength(const char* text) {
+    return std::strlen(text);
+}
+#endif
+
 // Modular ID order: a later ID, also across the wrap from 0xFFFFFFFF to 1.
 inline bool IsNewerID(uint32_t id, uint32_t last) {
     return id > last || last - id >= IdWrapDistance;
@@ -124,7 +157,12 @@ TraceStream::TraceStream(const TraceBuffer* owner, TraceBufferData* header, char
       m_ringStart(ringStart),
       m_spillEnd(ringStart + m_size + TraceData::MaxSize),
       m_maxSplitLength((m_size >> 11) * (TraceData::MaxDataSize - 1)),
-      m_idTolerance(m_size >> 12) {}
+      m_idTolerance(m_size >> 12),
+      m_writeIndex(header->GetAtomicWriteIndex()),
+      m_traceIdCounter(m_globalTraceCounter != nullptr ? std::atomic_ref<uint32_t>(*m_globalTraceCounter)
+                                                       : header->GetAtomicTotalTraceCounter()),
+      m_totalTraceCounter(header->GetAtomicTotalTraceCounter()),
+      m_ringWasFilled(header->GetRingBufferWasFilled()) {}
 
 TraceStream::~TraceStream() {
     m_splitTraces.clear();
@@ -158,7 +196,7 @@ void TraceStream::Write(uint32_t traceID, int32_t moduleID, uint32_t threadID, u
     plan.fileNameLength = 0;
     plan.locationSize = 0;
     if (fileName != nullptr) {
-        size_t length = std::strlen(fileName);
+        size_t length = TextLength(fileName);
         if (length > MaxFileNameLength) [[unlikely]] {
             // The end of a path names the file; keep that.
             plan.fileName = fileName + (length - MaxFileNameLength);
@@ -170,7 +208,7 @@ void TraceStream::Write(uint32_t traceID, int32_t moduleID, uint32_t threadID, u
     plan.parameters = PlanParameters(plan.locationSize, parameterCount, parameters);
     plan.splitMarker = TraceData::NotSplit;
 
-    const size_t messageSize = std::strlen(message) + 1;
+    const size_t messageSize = TextLength(message) + 1;
     if (messageSize + plan.parameters.size + plan.locationSize > TraceData::MaxDataSize) [[unlikely]] {
         WriteLongMessage(plan, static_cast<uint32_t>(std::min<size_t>(messageSize, UINT32_MAX)));
         return;
@@ -197,7 +235,7 @@ void TraceStream::Write(uint32_t traceID, int32_t moduleID, uint32_t threadID, u
     plan.fileNameLength = 0;
     plan.locationSize = 0;
     if (fileName != nullptr) {
-        size_t length = std::strlen(fileName);
+        size_t length = TextLength(fileName);
         if (length > MaxFileNameLength) [[unlikely]] {
             plan.fileName = fileName + (length - MaxFileNameLength);
             length = MaxFileNameLength;
@@ -343,25 +381,24 @@ inline uint32_t TraceStream::WriteEntry(const EntryPlan& plan) {
     const uint32_t dataSize = payload + plan.parameters.size + plan.locationSize;
     const uint32_t entrySize = ((dataSize + 7) & ~7u) + TraceData::SizeWithoutData;
 
-    std::atomic_ref<uint32_t> writeIndex = m_header->GetAtomicWriteIndex();
-    const uint32_t position = writeIndex.fetch_add(entrySize, std::memory_order_seq_cst);
+    const uint32_t position = m_writeIndex.fetch_add(entrySize, std::memory_order_seq_cst);
     TraceData& entry = *reinterpret_cast<TraceData*>(m_ringStart + (position & m_mask));
 
     uint32_t id = plan.traceID;
-    if (id == 0) {
-        std::atomic_ref<uint32_t> counter = TraceIdCounter();
-        id = counter.fetch_add(1, std::memory_order_seq_cst) + 1;
+    if (id == 0) [[likely]] {
+        id = m_traceIdCounter.fetch_add(1, std::memory_order_seq_cst) + 1;
         if (id == 0) [[unlikely]]
-            id = counter.fetch_add(1, std::memory_order_seq_cst) + 1;
+            id = m_traceIdCounter.fetch_add(1, std::memory_order_seq_cst) + 1;
     } else {
         // Automatic IDs continue from a given one.
-        m_header->GetAtomicTotalTraceCounter().exchange(id, std::memory_order_seq_cst);
+        m_totalTraceCounter.exchange(id, std::memory_order_seq_cst);
     }
 
-    std::atomic_ref<uint8_t> filled = m_header->GetRingBufferWasFilled();
-    if (filled.load(std::memory_order_seq_cst) == 0 && writeIndex.load(std::memory_order_seq_cst) > m_mask)
-        [[unlikely]]
-        filled.store(1, std::memory_order_seq_cst);
+    // The write index now stands at least at the end of our span: testing that end saves a
+    // second load of a word every writer is changing.
+    if (m_ringWasFilled.load(std::memory_order_seq_cst) == 0 &&
+        static_cast<uint64_t>(position) + entrySize > m_mask) [[unlikely]]
+        m_ringWasFilled.store(1, std::memory_order_seq_cst);
 
     uint64_t timestamp = plan.timestamp;
     if (timestamp == 0) {
@@ -397,26 +434,28 @@ inline uint32_t TraceStream::WriteEntry(const EntryPlan& plan) {
     }
     const ::TraceParameter* params = plan.parameters.params;
     for (uint8_t i = 0; i < plan.parameters.count; ++i) {
-        const ::TraceParameter& param = params[i];
-        if (!IsWrittenType(param.type))
+        // Read before storing: the char stores could alias the record and force reloads.
+        const uint16_t type = params[i].type;
+        const uint32_t size = params[i].size;
+        if (!IsWrittenType(type))
             continue;
-        *out++ = static_cast<char>(SerialisedType(param.type));
+        *out++ = static_cast<char>(SerialisedType(type));
         // Numbers: fixed-size copies instead of a library call each.
-        switch (param.size) {
+        switch (size) {
             case 4:
-                std::memcpy(out, param.data.bytes, 4);
+                std::memcpy(out, params[i].data.bytes, 4);
                 break;
             case 8:
-                std::memcpy(out, param.data.bytes, 8);
+                std::memcpy(out, params[i].data.bytes, 8);
                 break;
             case 1:
-                *out = static_cast<char>(param.data.bytes[0]);
+                *out = static_cast<char>(params[i].data.bytes[0]);
                 break;
             default:
-                std::memcpy(out, TraceParameter::GetData(param), param.size);
+                std::memcpy(out, TraceParameter::GetData(params[i]), size);
                 break;
         }
-        out += param.size;
+        out += size;
     }
     if (plan.locationSize >= 4) {
         std::memcpy(out, &plan.lineNumber, sizeof(plan.lineNumber));

@@ -147,10 +147,7 @@ private:
     static TraceStream* Build(const TraceBuffer* owner, TraceBufferData* header, char* ringStart,
                               uint32_t* globalTraceCounter, TimestampSource clock);
 
-    std::atomic_ref<uint32_t> TraceIdCounter() const {
-        return m_globalTraceCounter != nullptr ? std::atomic_ref<uint32_t>(*m_globalTraceCounter)
-                                               : m_header->GetAtomicTotalTraceCounter();
-    }
+    std::atomic_ref<uint32_t> TraceIdCounter() const { return m_traceIdCounter; }
 
     // --- writing
     [[gnu::always_inline]] static ParameterPlan PlanParameters(uint32_t locationSize, uint8_t count,
@@ -198,6 +195,11 @@ private:
     const char* m_spillEnd;
     uint32_t m_maxSplitLength;  // longest message (with parameters and location) that is split
     uint32_t m_idTolerance;     // how far behind the cursor a concurrently written entry may be
+    // The shared words a write touches, resolved once so that a write does not chase the header.
+    std::atomic_ref<uint32_t> m_writeIndex;
+    std::atomic_ref<uint32_t> m_traceIdCounter;
+    std::atomic_ref<uint32_t> m_totalTraceCounter;
+    std::atomic_ref<uint8_t> m_ringWasFilled;
 
     // First parts of split messages waiting for their remaining parts, by first-part TraceID.
     mutable std::unordered_map<uint32_t, std::unique_ptr<Trace>, Fnv1aHash> m_splitTraces;

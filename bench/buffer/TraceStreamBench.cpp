@@ -182,7 +182,7 @@ void BM_Read1M(benchmark::State& state) {
     state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * Count);
 }
 
-#define HOT_PATH(name) BENCHMARK(name)->Repetitions(7)->ReportAggregatesOnly(true)->ThreadRange(1, 2)
+#define HOT_PATH(name) BENCHMARK(name)->Repetitions(9)->ReportAggregatesOnly(true)->ThreadRange(1, 2)
 HOT_PATH(BM_Raw_NoClock);
 HOT_PATH(BM_Raw_NoClock_IdCounter);
 HOT_PATH(BM_WriteText_TimestampGiven);

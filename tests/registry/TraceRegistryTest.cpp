@@ -169,11 +169,12 @@ TEST(TraceRegistry, AttacherGivesUpOnABlockItsCreatorNeverPublished) {
     EXPECT_EQ(view.data->GetProfileLoaderID(), 0);
     EXPECT_EQ(view.data->GetTraceTimerResynchronizationPeriod(), 10000u);
 
-    // Timestamps still tell the time without the shared reference.
+    // Timestamps still tell the time without the shared reference (not counting from 1970); the
+    // margin is wide because a loaded machine may deschedule us between the reads.
     const uint64_t before = Platform::PreciseWallClock();
     const uint64_t fast = TraceTimer::GetInstance().GetTimestamp(TimestampMode::FAST);
-    EXPECT_GT(fast + 20 * TraceTimer::MSecMultiplicator, before);
-    EXPECT_LT(fast, Platform::PreciseWallClock() + 20 * TraceTimer::MSecMultiplicator);
+    EXPECT_GT(fast + 1000 * TraceTimer::MSecMultiplicator, before);
+    EXPECT_LT(fast, Platform::PreciseWallClock() + 1000 * TraceTimer::MSecMultiplicator);
 }
 
 PAXLTRACE_CHILD_ROLE(ReportCreationError) {
