@@ -177,6 +177,22 @@ TraceStream::~TraceStream() {
 // ---------------------------------------------------------------------------------------------
 // Writing
 
+inline void TraceStream::PlanLocation(EntryPlan& plan, const char* fileName) {
+    plan.fileName = fileName;
+    plan.fileNameLength = 0;
+    plan.locationSize = 0;
+    if (fileName == nullptr)
+        return;
+    size_t length = TextLength(fileName);
+    if (length > MaxFileNameLength) [[unlikely]] {
+        // The end of a path names the file; keep that.
+        plan.fileName = fileName + (length - MaxFileNameLength);
+        length = MaxFileNameLength;
+    }
+    plan.fileNameLength = static_cast<uint32_t>(length);
+    plan.locationSize = plan.fileNameLength + 5;
+}
+
 void TraceStream::Write(uint32_t traceID, int32_t moduleID, uint32_t threadID, uint64_t timestamp,
                         uint32_t severityMask, const char* fileName, uint32_t lineNumber, const char* message,
                         uint8_t parameterCount, ::TraceParameter* parameters, uint32_t firstPartID) {
@@ -192,19 +208,7 @@ void TraceStream::Write(uint32_t traceID, int32_t moduleID, uint32_t threadID, u
     plan.message = message;
     plan.binaryTraceId = nullptr;
     plan.lineNumber = lineNumber;
-    plan.fileName = fileName;
-    plan.fileNameLength = 0;
-    plan.locationSize = 0;
-    if (fileName != nullptr) {
-        size_t length = TextLength(fileName);
-        if (length > MaxFileNameLength) [[unlikely]] {
-            // The end of a path names the file; keep that.
-            plan.fileName = fileName + (length - MaxFileNameLength);
-            length = MaxFileNameLength;
-        }
-        plan.fileNameLength = static_cast<uint32_t>(length);
-        plan.locationSize = plan.fileNameLength + 5;
-    }
+    PlanLocation(plan, fileName);
     plan.parameters = PlanParameters(plan.locationSize, parameterCount, parameters);
     plan.splitMarker = TraceData::NotSplit;
 
@@ -231,18 +235,7 @@ void TraceStream::Write(uint32_t traceID, int32_t moduleID, uint32_t threadID, u
     plan.messageSize = 0;
     plan.binaryTraceId = &binaryTraceId;
     plan.lineNumber = lineNumber;
-    plan.fileName = fileName;
-    plan.fileNameLength = 0;
-    plan.locationSize = 0;
-    if (fileName != nullptr) {
-        size_t length = TextLength(fileName);
-        if (length > MaxFileNameLength) [[unlikely]] {
-            plan.fileName = fileName + (length - MaxFileNameLength);
-            length = MaxFileNameLength;
-        }
-        plan.fileNameLength = static_cast<uint32_t>(length);
-        plan.locationSize = plan.fileNameLength + 5;
-    }
+    PlanLocation(plan, fileName);
     // Parameters and location never pass MaxParameterSize, so the entry stays within MaxSize.
     plan.parameters = PlanParameters(plan.locationSize, parameterCount, parameters);
     plan.splitMarker = TraceData::NotSplit;

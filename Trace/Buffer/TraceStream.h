@@ -150,6 +150,8 @@ private:
     std::atomic_ref<uint32_t> TraceIdCounter() const { return m_traceIdCounter; }
 
     // --- writing
+    // The location block of an entry: the file name, cut to its last MaxFileNameLength characters.
+    [[gnu::always_inline]] static void PlanLocation(EntryPlan& plan, const char* fileName);
     [[gnu::always_inline]] static ParameterPlan PlanParameters(uint32_t locationSize, uint8_t count,
                                                                ::TraceParameter* params);
     [[gnu::cold]] static ParameterPlan TruncateParameters(uint32_t locationSize, uint8_t count,
