@@ -2,7 +2,8 @@
 # Installs the Debian packages the build and the tests need, when they are missing.
 set -euo pipefail
 
-packages=(cmake make g++ pkg-config googletest libgtest-dev libgmock-dev libbenchmark-dev)
+packages=(cmake make g++ pkg-config googletest libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
+          libtomlplusplus-dev)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
