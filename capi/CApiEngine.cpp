@@ -1,6 +1,7 @@
 // The C interface's engine functions and the functions that change this process's filters by name.
 // Nothing may throw out of them: every entry point catches at the boundary and reports its failure
 // value instead.
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
@@ -113,10 +114,21 @@ struct OwnBuffers {
     OwnBuffers() {
         TraceRegistry& registry = TraceRegistry::GetInstance();
         consumer = registry.GetConsumerBufferCount() != 0;
-        if (consumer)
-            registry.ConsumerBrowse(infos);
-        else
+        if (!consumer) {
             registry.ProducerBrowse(infos);
+            return;
+        }
+        registry.ConsumerBrowse(infos);
+        // A buffer made since the last update is not attached for reading yet, but it is ours.
+        std::vector<std::unique_ptr<TraceBufferInfo>> produced;
+        registry.ProducerBrowse(produced);
+        for (auto& info : produced) {
+            const bool listed = std::any_of(infos.begin(), infos.end(), [&](const auto& known) {
+                return known != nullptr && known->BufferID == info->BufferID;
+            });
+            if (info != nullptr && !listed)
+                infos.push_back(std::move(info));
+        }
     }
 
     // Null for buffers of other processes or of another name (a null name matches every buffer).
@@ -126,8 +138,8 @@ struct OwnBuffers {
         if (bufferName != nullptr && info.SubSystemName != bufferName)
             return nullptr;
         TraceRegistry& registry = TraceRegistry::GetInstance();
-        return consumer ? registry.GetConsumerBuffer(info.BufferID)
-                        : registry.GetProducerBuffer(info.BufferID);
+        TraceBuffer* buffer = consumer ? registry.GetConsumerBuffer(info.BufferID) : nullptr;
+        return buffer != nullptr ? buffer : registry.GetProducerBuffer(info.BufferID);
     }
 };
 

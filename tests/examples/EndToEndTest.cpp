@@ -413,6 +413,7 @@ TEST_F(EndToEndTest, FilterChangesTravelBothWays) {
     std::this_thread::sleep_for(std::chrono::milliseconds(500));  // several more polls
     EXPECT_EQ(counter.calls.load(), 1);
     uint32_t state = 0;
+    ASSERT_EQ(registry.GetConsumerBuffer(bufferID), buffer) << "the producer's buffer went away";
     EXPECT_EQ(buffer->GetFilterState(moduleID, state), TraceBuffer::Success);
     EXPECT_EQ(state & 7u, 2u);
 
