@@ -175,7 +175,8 @@ TraceRegistry::~TraceRegistry() {
     TraceUpdateManager::GetInstance().Stop(TraceUpdateManager::ExitStopTimeoutMs);
     m_updater.reset();
     s_instance.store(nullptr, std::memory_order_seq_cst);
-    // Before the buffers go: the engine points into one of them.
+    // Before the buffers go: these engines point into one of them.
+    TraceDiagnostics::GetInstance().Shutdown();
     trace_engine_destroy(m_ownEngine.exchange(nullptr, std::memory_order_seq_cst));
     // Timestamps taken after this point must not read the unmapped block.
     TraceTimer::GetInstance().BindReference(nullptr);
@@ -230,7 +231,7 @@ void TraceRegistry::InitializeOnce() {
         TraceTimer::Synchronize();
 
     CreateOwnEngine();
-    TraceDiagnostics::GetInstance();
+    TraceDiagnostics::GetInstance().Initialize();
 
     m_initializingThread.store(std::thread::id(), std::memory_order_release);
     m_initialized.store(true, std::memory_order_release);
