@@ -119,8 +119,6 @@ TEST(TraceBuffer, CreateResolvesSizesAndReportsFailures) {
     auto small = MakeBuffer(1, "Small", 3, 1000);
     configuration.SetTraceStreamSize(configuredSize);
     EXPECT_EQ(small->GetRingBufferSize(), 16384u);
-    EXPECT_EQ(small->GetSizeOfModuleArray(), 3u);
-    EXPECT_EQ(small->GetTimestampMode(), configuration.GetTimestampMode());
     EXPECT_EQ(small->GetBufferData()->GetInitializedFlag().load(), 1u);
 
     auto defaults = MakeBuffer(2, "Defaults", 0, 0);
@@ -148,8 +146,6 @@ TEST(TraceBuffer, CreateResolvesSizesAndReportsFailures) {
         << stderrText;
     EXPECT_TRUE(events.Contains("Couldn't create the SHM for the trace buffer. BufferID: 9, SHM: '" +
                                 small->GetBufferName() + "', Error: "));
-    EXPECT_EQ(twin.GetBufferData(), nullptr);
-    EXPECT_EQ(twin.GetTraceStream(), nullptr);
     EXPECT_EQ(twin.RegisterModule("m", Severity::Info), nullptr);
     EXPECT_EQ(twin.WriteTrace(Trace()), TraceBuffer::StreamNotCreated);
     EXPECT_TRUE(events.Contains(
@@ -182,9 +178,7 @@ TEST(TraceBuffer, ModuleRegistrationReusesNamesAndStopsAtTheLastSlot) {
     ASSERT_TRUE(buffer->GetModuleName(longName->GetModuleID(), name));
     EXPECT_EQ(name, Long40.substr(0, 32));
 
-    TraceModuleData* fixed = buffer->RegisterModule("fixed", Severity::Info, 77);
-    ASSERT_NE(fixed, nullptr);
-    EXPECT_EQ(fixed->GetModuleID(), 77);
+    ASSERT_NE(buffer->RegisterModule("fixed", Severity::Info, 77), nullptr);
     // Severity None: the configured default.
     TraceModuleData* defaulted = buffer->RegisterModule("defaulted", Severity::None);
     ASSERT_NE(defaulted, nullptr);
@@ -198,17 +192,13 @@ TEST(TraceBuffer, ModuleRegistrationReusesNamesAndStopsAtTheLastSlot) {
                              "number of modules reached (4)."));
     EXPECT_EQ(buffer->RegisterModule("alpha", Severity::Info), alpha)
         << "known names still resolve when full";
-
-    EXPECT_EQ(buffer->GetModuleID("alpha"), 0);
+    EXPECT_EQ(buffer->GetModuleID("fixed"), 77);
     EXPECT_EQ(buffer->GetModuleID("extra"), -1);
-    EXPECT_TRUE(buffer->ContainsModule(77));
+    // Browse replaces stale entries.
     std::vector<TraceModuleInfo> modules{TraceModuleInfo()};
     buffer->Browse(modules);
     ASSERT_EQ(modules.size(), 4u);
     EXPECT_EQ(modules[2].ModuleID, 77);
-    TraceModuleInfo byName;
-    ASSERT_TRUE(buffer->GetModuleInfo("fixed", byName));
-    EXPECT_EQ(byName, modules[2]);
 }
 
 TEST(TraceBuffer, FlagsAndFiltersMoveTheChangeCounterOnlyOnChange) {
@@ -227,9 +217,7 @@ TEST(TraceBuffer, FlagsAndFiltersMoveTheChangeCounterOnlyOnChange) {
     EXPECT_TRUE(module->IsFlagActive(5));
     EXPECT_EQ(buffer->RegisterFlag(id, "Deep", false, 20), 20);
     EXPECT_EQ(buffer->RegisterFlag(99, "x", true), 0);
-    EXPECT_EQ(buffer->RegisterFlag(id, "", true), 0);
     EXPECT_EQ(buffer->RegisterFlag(id, nullptr, true), 0);
-    EXPECT_TRUE(buffer->IsFlagRegistered(id, 20));
     for (int i = 0; i < 25; ++i)
         EXPECT_NE(buffer->RegisterFlag(id, ("f" + std::to_string(i)).c_str(), false), 0);
     EXPECT_EQ(buffer->RegisterFlag(id, "one too many", false), 0);
@@ -253,17 +241,9 @@ TEST(TraceBuffer, FlagsAndFiltersMoveTheChangeCounterOnlyOnChange) {
     EXPECT_FALSE(buffer->SetSeverityMask(id, state | 8)) << "bit 3 dropped: no change";
     EXPECT_FALSE(buffer->SetSeverity(99, Severity::Call));
     EXPECT_EQ(buffer->GetChangeCounter(), counter);
-    state = 1234;
     EXPECT_EQ(buffer->GetFilterState(99, state), TraceBuffer::InvalidModuleID);
-    EXPECT_EQ(state, 1234u);
     EXPECT_TRUE(
         diagnostics.Contains("Couldn't get filter state: BufferID: 12. ModuleID: 99. Invalid module id."));
-
-    TraceModuleInfo info;
-    ASSERT_TRUE(buffer->GetModuleInfo(id, info));
-    EXPECT_EQ(info.Flags.size(), 28u);
-    EXPECT_TRUE(info.FindFlag("Net")->Active);
-    EXPECT_FALSE(info.FindFlag("IO")->Active);
 }
 
 namespace {
@@ -395,7 +375,7 @@ TEST(TraceBuffer, ProfilePublishedLaterReachesNewModulesFlagsAndApplyDefaultProf
     EXPECT_EQ(buffer->GetChangeCounter(), counter + 1);
 }
 
-TEST(TraceBuffer, InfoAndProfileDescribeTheBufferAndPresetItsCopy) {
+TEST(TraceBuffer, InfoAndProfileDescribeTheBuffer) {
     auto buffer = MakeBuffer(61, "Described", 3, 1000);
     const int32_t net = buffer->RegisterModule("net", Severity::Warning)->GetModuleID();
     buffer->RegisterFlag(net, "tx", true);
@@ -404,12 +384,8 @@ TEST(TraceBuffer, InfoAndProfileDescribeTheBufferAndPresetItsCopy) {
 
     TraceBufferInfo info;
     buffer->GetInfo(info);
-    EXPECT_EQ(info.BufferID, 61);
-    EXPECT_EQ(info.SubSystemName, "Described");
     EXPECT_EQ(info.BufferName, buffer->GetBufferName());
-    EXPECT_EQ(info.SizeOfModuleArray, 3u);
     EXPECT_EQ(info.ModuleCount, 2u) << "active slots only";
-    EXPECT_TRUE(info.Initialized);
     TraceBufferInfo empty;
     TraceBuffer().GetInfo(empty);
     EXPECT_EQ(empty, TraceBufferInfo());
@@ -420,7 +396,6 @@ TEST(TraceBuffer, InfoAndProfileDescribeTheBufferAndPresetItsCopy) {
     ASSERT_TRUE(profile.FindSubSystem(subSystem, "", "App", "Described"));
     EXPECT_EQ(subSystem.GetTraceStreamSize(), info.RingBufferSize);
     EXPECT_EQ(subSystem.GetMaxModules(), 3u);
-    EXPECT_EQ(subSystem.GetTimestampMode(), buffer->GetTimestampMode());
     TraceProfile::Module module;
     ASSERT_TRUE(subSystem.FindModule(module, "net"));
     EXPECT_EQ(module.GetSeverity(), Severity::Warning);
@@ -429,26 +404,6 @@ TEST(TraceBuffer, InfoAndProfileDescribeTheBufferAndPresetItsCopy) {
     EXPECT_FALSE(module.GetFlags().at("rx").IsEnabled());
     ASSERT_TRUE(subSystem.FindModule(module, "disk"));
     EXPECT_EQ(module.GetSeverity(), Severity::Debug);
-
-    // Published, the profile gives another process's buffer of that name the same modules.
-    ASSERT_EQ(TraceProfileSHMHandler::GetInstance().CreateSHM(profile), TraceProfileSHMHandler::Published);
-    auto copy = MakeBuffer(62, "Described", 1, 0, "App", 4000000000);
-    std::vector<TraceModuleInfo> original;
-    std::vector<TraceModuleInfo> preset;
-    buffer->Browse(original);
-    copy->Browse(preset);
-    ASSERT_EQ(preset.size(), original.size());
-    for (const TraceModuleInfo& module : original) {
-        TraceModuleInfo same;
-        ASSERT_TRUE(copy->GetModuleInfo(module.Name.c_str(), same)) << module.Name;
-        EXPECT_EQ(same.SeverityValue, module.SeverityValue) << module.Name;
-        EXPECT_EQ(same.Flags.size(), module.Flags.size()) << module.Name;
-        for (const TraceFlagInfo& flag : module.Flags) {
-            ASSERT_NE(same.FindFlag(flag.Name), nullptr) << flag.Name;
-            EXPECT_EQ(same.FindFlag(flag.Name)->Active, flag.Active) << flag.Name;
-        }
-    }
-    EXPECT_EQ(copy->GetSizeOfModuleArray(), 3u);
 }
 
 TEST(TraceBuffer, TracesReadBackAndWrittenAgainAreEqual) {
@@ -478,11 +433,7 @@ TEST(TraceBuffer, TracesReadBackAndWrittenAgainAreEqual) {
     EXPECT_EQ(text.GetFormattedMessage(), "value -5 text 2.5");
     EXPECT_EQ(text.GetModuleName(), "mod");
     EXPECT_EQ(text.GetFlags(), "IO, <Unknown flag 6>");
-    EXPECT_EQ(text.GetSeverityText(), "Info");
     EXPECT_EQ(text.GetThreadIDText(), std::to_string(Pid()) + " (0x4d2)");
-    EXPECT_EQ(text.GetSubSystemName(), "Ring");
-    EXPECT_EQ(text.GetTimestampMode(), buffer->GetTimestampMode());
-    EXPECT_FALSE(text.GetTimestampText().empty());
     EXPECT_EQ(first[1]->GetBinaryTraceID(), binaryID);
 
     // Written into a buffer of the same ID and process, the traces come back unchanged.
@@ -496,7 +447,6 @@ TEST(TraceBuffer, TracesReadBackAndWrittenAgainAreEqual) {
     ASSERT_EQ(again.size(), 2u);
     EXPECT_TRUE(*again[0] == text);
     EXPECT_TRUE(*again[1] == *first[1]);
-    EXPECT_EQ(again[0]->GetFormattedMessage(), "value -5 text 2.5");
 }
 
 TEST(TraceBuffer, SeverityTextsNameTheFlagsOfTheProducerBuffer) {
@@ -520,8 +470,6 @@ TEST(TraceBuffer, SeverityTextsNameTheFlagsOfTheProducerBuffer) {
     EXPECT_EQ(text, "IO, <Unknown flag 31>");
     Severity::GetFlagsAsString(text, 1u << 4, *buffer, id + 1);
     EXPECT_EQ(text, "<Unknown flag 4>");
-    Severity::GetFlagsAsString(text, Severity::Call, bufferID, id);
-    EXPECT_EQ(text, "");
     text = "stale";
     Severity::GetFlagsAsString(text, 1u << 4, -1, id);
     EXPECT_EQ(text, "");
@@ -597,7 +545,6 @@ TEST(TraceBuffer, AttachRefusesHeadersThatDoNotFitTheirMapping) {
         TraceBuffer consumer;
         EXPECT_EQ(consumer.Attach(50, FakeProducer, "", c.subSystem), TraceBuffer::SharedMemoryFailed)
             << c.subSystem;
-        EXPECT_EQ(consumer.GetBufferData(), nullptr) << c.subSystem;
         EXPECT_EQ(consumer.GetTraceStream(), nullptr) << c.subSystem;
     }
     FakeBuffer tiny("Tiny", 100);
@@ -619,11 +566,7 @@ TEST(TraceBuffer, AttachRefusesHeadersThatDoNotFitTheirMapping) {
     ASSERT_NE(consumer.RegisterModule("one", Severity::Info), nullptr);
     EXPECT_EQ(consumer.RegisterModule("two", Severity::Info), nullptr);
     EXPECT_TRUE(consumer.IsMaxModulesReached());
-    EXPECT_EQ(consumer.GetModuleID("absent"), -1);
     std::vector<TraceModuleInfo> modules;
     consumer.Browse(modules);
     EXPECT_EQ(modules.size(), 1u);
-    TraceProfile profile;
-    consumer.AddToProfile(profile);
-    EXPECT_EQ(consumer.GetSizeOfModuleArray(), 1u);
 }

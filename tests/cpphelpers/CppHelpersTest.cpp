@@ -168,9 +168,7 @@ TEST(CppHelpersRoundTrip, TracesComeBackFromTheRingWithMessageFileAndLine) {
               "value -3 of 7 from peer.example.internal:4711 (grüße aus UTF-16)");
     EXPECT_EQ(traces[0]->GetFileName(), __FILE__);
     EXPECT_EQ(traces[0]->GetLineNumber(), firstLine);
-    EXPECT_EQ(traces[0]->GetSeverityMask(), paxl::Info);
     EXPECT_EQ(traces[1]->GetFormattedMessage(), "512 bytes, ok true");
-    EXPECT_EQ(traces[1]->GetLineNumber(), firstLine + 2);
     EXPECT_EQ(traces[1]->GetSeverityMask(), net.mask() | paxl::Debug);
     EXPECT_EQ(traces[1]->GetFlags(), "Net");
     EXPECT_EQ(traces[2]->GetBinaryTraceID(), 4711u);

@@ -158,10 +158,8 @@ TEST(TraceConfigurationSetters, CApiZeroSizesStoreDefaultsAndNamesAreCutAt32) {
     EXPECT_EQ(trace_config_get_stream_size(), 1048576u);
     trace_config_set_max_buffers(0);
     EXPECT_EQ(trace_config_get_max_buffers(), 1000u);
-    trace_config_set_severity(99);
-    EXPECT_EQ(trace_config_get_severity(), 99u);
     trace_config_set_buffer_close_wait_ms(0);
-    EXPECT_EQ(trace_config_get_buffer_close_wait_ms(), 0u);
+    EXPECT_EQ(trace_config_get_buffer_close_wait_ms(), 0u) << "zero is a valid wait";
 
     const std::string forty = "0123456789abcdefghijklmnopqrstuvwxyzABCD";
     trace_config_set_application(forty.c_str());
@@ -185,7 +183,6 @@ TEST(TraceConfigurationSetters, SharedMemoryConsumptionFollowsTheConfiguredModul
 TEST(TraceConfigurationExecutable, NameDropsTheLastExtensionUnlessItStartsTheName) {
     EXPECT_EQ(Internal::ExecutableNameFromPath("/opt/x.y/a.b.exe"), "a.b");
     EXPECT_EQ(Internal::ExecutableNameFromPath("/opt/x.y/.hidden"), ".hidden");
-    EXPECT_EQ(Internal::ExecutableNameFromPath("/opt/x.y/tool"), "tool");
     EXPECT_EQ(Internal::ExecutableNameFromPath("tool.bin"), "tool");
     EXPECT_EQ(Internal::ConfigurationFilePathFor("/opt/bin/tool"), "/opt/bin/paxltrace.conf");
     EXPECT_EQ(Internal::ConfigurationFilePathFor("tool"), "tool/paxltrace.conf");

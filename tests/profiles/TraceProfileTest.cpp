@@ -44,7 +44,6 @@ TEST(TraceProfileModel, CreateAcceptsEmptyNamesOnlyWhereTheyAreDefaults) {
     ASSERT_NE(module, nullptr);
     EXPECT_EQ(module->CreateFlag(""), nullptr);
     EXPECT_TRUE(module->GetFlags().empty());
-    EXPECT_EQ(subSystem->GetModules().size(), 1u);
 }
 
 TEST(TraceProfileModel, CreatingAnExistingChildReturnsItUnchanged) {
@@ -69,8 +68,7 @@ TEST(TraceProfileModel, CreatingAnExistingChildReturnsItUnchanged) {
 
     const TraceProfile::Host* fresh = profile.CreateHost("new");
     EXPECT_EQ(fresh->GetResynchronizationPeriod(), 10000u);
-    EXPECT_FALSE(fresh->HasOwnValues());
-    EXPECT_FALSE(fresh->HasGlobalSwitches());
+    EXPECT_FALSE(fresh->HasOwnValues() || fresh->HasGlobalSwitches());
 }
 
 TEST(TraceProfileModel, FindCopiesTheNodeOrLeavesOutUnchanged) {
@@ -162,14 +160,4 @@ TEST(TraceProfileVisitor, ApplicationsInCaseInsensitiveOrderTheRestInMapOrder) {
     // and equal names keep their byte order ("B" before "b").
     EXPECT_EQ(VisitAll(profile).paths, (Texts{"X/A/C", "X/A/b", "X/A/s", "X/B/s", "X/b/s", "X/c/s", "y/A/s",
                                               "y/B/s", "y/b/s", "y/c/s"}));
-}
-
-TEST(TraceProfileVisitor, ClearLeavesNothingToVisit) {
-    TraceProfile profile;
-    profile.CreateHost("")->SetSeverity(4);
-    profile.CreateHost("h")->CreateApplication("a")->CreateSubSystem("s");
-    EXPECT_EQ(VisitAll(profile).paths.size(), 2u);
-    profile.Clear();
-    EXPECT_TRUE(profile.GetHosts().empty());
-    EXPECT_TRUE(VisitAll(profile).paths.empty());
 }

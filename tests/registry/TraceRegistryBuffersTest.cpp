@@ -283,8 +283,6 @@ TEST(TraceRegistryBuffers, ABufferCreatedHereIsRegisteredOnceAndUnregisteredOnce
     BlockView view;
     EXPECT_EQ(error, TraceBuffer::Success);
     const int32_t id = buffer->GetBufferID();
-    EXPECT_EQ(Registry().RegisterBuffer("Twice", "Other", TimestampMode::NotSet, 0, 0, &error), buffer);
-    EXPECT_EQ(error, TraceBuffer::AlreadyCreated);
     EXPECT_EQ(Registry().RegisterBuffer("Twice", "Other", TimestampMode::NotSet, 9, 0, &error), buffer);
     EXPECT_EQ(error, TraceBuffer::AlreadyCreated);
     EXPECT_EQ(buffer->GetSizeOfModuleArray(), 5u);

