@@ -206,8 +206,7 @@ PAXLTRACE_CHILD_ROLE(SetTimer) {
     TraceRegistry& registry = TraceRegistry::GetInstance();
     if (registry.GetCreationErrorCode() != SHMErrorCodes::Success)
         return 90;
-    const uint64_t value = std::stoull(args.at(0));
-    registry.SetTraceTimer(value, value + 1, -static_cast<int64_t>(value));
+    registry.SetTraceTimer(std::stoull(args.at(0)), std::stoull(args.at(1)), std::stoll(args.at(2)));
     return 0;
 }
 
@@ -218,17 +217,22 @@ TEST(TraceRegistry, SetTraceTimerIsDroppedWhileAnotherProcessWrites) {
     uint64_t time = 0, tick = 0;
     int64_t counter = 0;
 
+    // A reference that is current: a stale one would be renewed by the next fast timestamp of
+    // either process's updater thread.
+    const uint64_t now = Platform::PreciseWallClock();
+    const std::string tickNow = std::to_string(Platform::TickMs());
+
     // This process plays the writer in the middle of its update.
     ASSERT_EQ(view.data->GetAtomicUpdateIndicator().exchange(1), 0u);
-    EXPECT_EQ(WaitChild(SpawnChild("SetTimer", {"1000"})), 0);
+    EXPECT_EQ(WaitChild(SpawnChild("SetTimer", {std::to_string(now - 1), tickNow, "-1"})), 0);
     view.data->GetTraceTimer(time, tick, counter);
-    EXPECT_NE(time, 1000u);
+    EXPECT_NE(time, now - 1);
     view.data->GetAtomicUpdateIndicator().store(0);
 
-    EXPECT_EQ(WaitChild(SpawnChild("SetTimer", {"2000"})), 0);
+    EXPECT_EQ(WaitChild(SpawnChild("SetTimer", {std::to_string(now), tickNow, "-2000"})), 0);
     view.data->GetTraceTimer(time, tick, counter);
-    EXPECT_EQ(time, 2000u);
-    EXPECT_EQ(tick, 2001u);
+    EXPECT_EQ(time, now);
+    EXPECT_EQ(tick, std::stoull(tickNow));
     EXPECT_EQ(counter, -2000);
     EXPECT_EQ(view.data->GetAtomicUpdateIndicator().load(), 0u);
 }
