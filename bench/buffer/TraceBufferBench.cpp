@@ -11,6 +11,7 @@
 #include "Trace/Buffer/TraceBuffer.h"
 #include "Trace/Buffer/TraceModuleData.h"
 #include "Trace/Ipc/TraceIpcLock.h"
+#include "bench/support/BenchSupport.h"
 
 namespace {
 
@@ -94,9 +95,7 @@ BENCHMARK(RegisterNewModuleAndFlag)->Repetitions(5)->ReportAggregatesOnly(true);
 BENCHMARK(SetSeverity)->Repetitions(5)->ReportAggregatesOnly(true);
 
 int main(int argc, char** argv) {
-    // Own names, so that the run never meets the registry or buffers of a real installation.
-    const std::string prefix = "paxlbench" + std::to_string(getpid()) + "_";
-    setenv("TRACE_PREFIX", prefix.c_str(), 1);
+    Tracing::Bench::UseOwnPrefix();
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv))
         return 1;

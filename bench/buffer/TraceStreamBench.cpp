@@ -20,6 +20,7 @@
 #include "Trace/Buffer/TraceStream.h"
 #include "Trace/Records/TraceParameter.h"
 #include "Trace/Time/TraceTimer.h"
+#include "bench/support/BenchSupport.h"
 #include "platform/Clock.h"
 
 using namespace Tracing;
@@ -192,30 +193,13 @@ BENCHMARK(BM_FilteredOut)->Repetitions(7)->ReportAggregatesOnly(true);
 BENCHMARK(BM_Read1M)->Arg(1000)->Arg(50000)->Repetitions(3)->ReportAggregatesOnly(true)->Unit(
     benchmark::kMillisecond);
 
-// Keeps the median CPU time per call of every benchmark and thread count for the ratios.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    RatioReporter() : ConsoleReporter(OO_Tabular) {}
-    void ReportRuns(const std::vector<Run>& runs) override {
-        for (const Run& run : runs) {
-            if (run.aggregate_name == "median")
-                medians[run.run_name.function_name + "/" + std::to_string(run.threads)] =
-                    run.GetAdjustedCPUTime();
-        }
-        ConsoleReporter::ReportRuns(runs);
-    }
-    std::map<std::string, double> medians;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
-    // A prefix of its own, so that the timer never meets an installation's registry.
-    const std::string prefix = "paxlbench" + std::to_string(getpid());
-    setenv("TRACE_PREFIX", prefix.c_str(), 1);
+    Bench::UseOwnPrefix();
 
     benchmark::Initialize(&argc, argv);
-    RatioReporter reporter;
+    Bench::RatioReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     auto show = [&](const char* what, const char* name, const char* base, int threads, double limit) {
         const std::string suffix = "/" + std::to_string(threads);

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <string>
 
+#include "bench/support/BenchSupport.h"
 #include "paxltrace.h"
 #include "paxltrace.hpp"
 
@@ -88,9 +89,7 @@ BENCHMARK(RawCFilteredOut)->Repetitions(5)->ReportAggregatesOnly(true);
 BENCHMARK(HelperMacroFilteredOut)->Repetitions(5)->ReportAggregatesOnly(true);
 
 int main(int argc, char** argv) {
-    // Own names, so that the run never meets the registry or buffers of a real installation.
-    const std::string prefix = "paxlbench" + std::to_string(getpid()) + "_";
-    setenv("TRACE_PREFIX", prefix.c_str(), 1);
+    Tracing::Bench::UseOwnPrefix();
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv))
         return 1;

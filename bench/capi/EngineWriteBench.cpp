@@ -16,6 +16,7 @@
 #include "Trace/Buffer/TraceBuffer.h"
 #include "Trace/Buffer/TraceData.h"
 #include "Trace/Registry/TraceRegistry.h"
+#include "bench/support/BenchSupport.h"
 #include "paxltrace.h"
 #include "platform/Clock.h"
 
@@ -116,31 +117,14 @@ HOT_PATH(BM_EngineWrite_Optimal);
 HOT_PATH(BM_EngineWrite_Fast);
 BENCHMARK(BM_FilteredOut)->Repetitions(7)->ReportAggregatesOnly(true);
 
-// Keeps the median CPU time per call of every benchmark and thread count for the ratios.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    RatioReporter() : ConsoleReporter(OO_Tabular) {}
-    void ReportRuns(const std::vector<Run>& runs) override {
-        for (const Run& run : runs) {
-            if (run.aggregate_name == "median")
-                medians[run.run_name.function_name + "/" + std::to_string(run.threads)] =
-                    run.GetAdjustedCPUTime();
-        }
-        ConsoleReporter::ReportRuns(runs);
-    }
-    std::map<std::string, double> medians;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
-    // A prefix of its own, so that the bench never meets an installation's registry.
-    const std::string prefix = "paxlbench" + std::to_string(getpid());
-    setenv("TRACE_PREFIX", prefix.c_str(), 1);
+    Bench::UseOwnPrefix();
 
     benchmark::Initialize(&argc, argv);
     Get();
-    RatioReporter reporter;
+    Bench::RatioReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     auto show = [&](const char* what, const char* name, int threads, double limit) {
         char key[64], baseKey[64];

@@ -18,6 +18,7 @@
 #include "Trace/Records/Trace.h"
 #include "Trace/Records/TraceParameter.h"
 #include "Trace/Registry/TraceRegistry.h"
+#include "bench/support/BenchSupport.h"
 
 namespace Tracing {
 
@@ -126,9 +127,7 @@ BENCHMARK(BM_TraceReader)
 }  // namespace
 
 int main(int argc, char** argv) {
-    // A prefix of its own, so that the benchmark never meets an installation's registry.
-    const std::string prefix = "paxlbench" + std::to_string(getpid());
-    setenv("TRACE_PREFIX", prefix.c_str(), 1);
+    Tracing::Bench::UseOwnPrefix();
     TraceConfigurationPrivate::GetInstance().SetBufferCloseWaitMs(0);
 
     benchmark::Initialize(&argc, argv);

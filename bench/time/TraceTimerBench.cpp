@@ -10,6 +10,7 @@
 #include <string>
 
 #include "Trace/Time/TraceTimer.h"
+#include "bench/support/BenchSupport.h"
 
 using namespace Tracing;
 
@@ -57,34 +58,17 @@ BENCHMARK(BM_TimestampPrecise)->Repetitions(5)->ReportAggregatesOnly(true);
 BENCHMARK(BM_TimestampOptimal)->Repetitions(5)->ReportAggregatesOnly(true);
 BENCHMARK(BM_TimestampSeqId)->Repetitions(5)->ReportAggregatesOnly(true);
 
-// Remembers the median CPU time of every benchmark to print the ratios at the end (CPU time, so
-// that the ratio does not depend on how busy the machine is).
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    RatioReporter() : ConsoleReporter(OO_Tabular) {}
-    void ReportRuns(const std::vector<Run>& runs) override {
-        for (const Run& run : runs) {
-            if (run.aggregate_name == "median")
-                medians[run.run_name.function_name] = run.GetAdjustedCPUTime();
-        }
-        ConsoleReporter::ReportRuns(runs);
-    }
-    std::map<std::string, double> medians;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
-    // A prefix of its own, so that the benchmark never meets an installation's registry.
-    const std::string prefix = "paxlbench" + std::to_string(getpid());
-    setenv("TRACE_PREFIX", prefix.c_str(), 1);
+    Bench::UseOwnPrefix();
 
     benchmark::Initialize(&argc, argv);
-    RatioReporter reporter;
+    Bench::RatioReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     auto ratio = [&](const char* a, const char* b) {
-        const double base = reporter.medians[b];
-        return base > 0 ? reporter.medians[a] / base : 0.0;
+        const double base = reporter.Median(b);
+        return base > 0 ? reporter.Median(a) / base : 0.0;
     };
     std::printf("FAST / CLOCK_MONOTONIC_COARSE: %.2f (limit 2.00)\n",
                 ratio("BM_TimestampFast", "BM_ClockMonotonicCoarse"));
