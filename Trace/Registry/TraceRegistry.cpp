@@ -57,6 +57,12 @@ uint64_t AddressOf(const void* object) {
     return static_cast<uint64_t>(reinterpret_cast<uintptr_t>(object));
 }
 
+// The (un)registration of a listener; %1 is its address.
+void ReportListener(const char* text, const void* listener) {
+    if (BufferReportsWanted())
+        ReportBuffer(Severity::Verbose, TraceMessage(text).Add(AddressOf(listener)));
+}
+
 // Names are compared as they are stored: over at most 32 characters.
 bool SameName(const char* a, const char* b) {
     return std::strncmp(a, b, TraceRegistryDataItem::MaxNameLength) == 0;
@@ -929,20 +935,12 @@ void TraceRegistry::RegisterDataChangedListener(ITraceRegistryDataChangedListene
         return;
     if (std::find(m_dataChangedListeners.begin(), m_dataChangedListeners.end(), listener) !=
         m_dataChangedListeners.end()) {
-        if (BufferReportsWanted()) {
-            ReportBuffer(Severity::Verbose,
-                         TraceMessage("Couldn't register ITraceRegistryDataChangedListener "
-                                      "(0x%1:x). Already registered.")
-                             .Add(AddressOf(listener)));
-        }
+        ReportListener("Couldn't register ITraceRegistryDataChangedListener (0x%1:x). Already registered.",
+                       listener);
         return;
     }
     m_dataChangedListeners.push_back(listener);
-    if (BufferReportsWanted()) {
-        ReportBuffer(
-            Severity::Verbose,
-            TraceMessage("ITraceRegistryDataChangedListener (0x%1:x) registered.").Add(AddressOf(listener)));
-    }
+    ReportListener("ITraceRegistryDataChangedListener (0x%1:x) registered.", listener);
 }
 
 void TraceRegistry::UnregisterDataChangedListener(ITraceRegistryDataChangedListener* listener) {
@@ -951,20 +949,12 @@ void TraceRegistry::UnregisterDataChangedListener(ITraceRegistryDataChangedListe
         const auto it = std::find(m_dataChangedListeners.begin(), m_dataChangedListeners.end(), listener);
         if (it == m_dataChangedListeners.end()) {
             // No final full stop: the text is matched as it always was.
-            if (BufferReportsWanted()) {
-                ReportBuffer(Severity::Verbose,
-                             TraceMessage("Couldn't unregister ITraceRegistryDataChangedListener "
-                                          "(0x%1:x). Not registered")
-                                 .Add(AddressOf(listener)));
-            }
+            ReportListener("Couldn't unregister ITraceRegistryDataChangedListener (0x%1:x). Not registered",
+                           listener);
             return;
         }
         m_dataChangedListeners.erase(it);
-        if (BufferReportsWanted()) {
-            ReportBuffer(Severity::Verbose,
-                         TraceMessage("ITraceRegistryDataChangedListener (0x%1:x) unregistered.")
-                             .Add(AddressOf(listener)));
-        }
+        ReportListener("ITraceRegistryDataChangedListener (0x%1:x) unregistered.", listener);
     }
     // Its owner may destroy it once we return. A call on this very thread is the caller's own.
     const std::thread::id self = std::this_thread::get_id();
