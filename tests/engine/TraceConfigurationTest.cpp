@@ -202,7 +202,7 @@ PAXLTRACE_CHILD_ROLE(ReportConfiguration) {
 TEST(TraceConfigurationExecutable, FileBesideTheExecutableIsRead) {
     TempDir dir;
     const fs::path copy = dir.Path() / "conf.child.bin";
-    fs::copy_file("/proc/self/exe", copy);
+    fs::copy_file(Tracing::Test::SelfExecutable(), copy);
     fs::permissions(copy, fs::perms::owner_all);
     std::ofstream(dir.Path() / "paxltrace.conf")
         << "TRACE_MAX_MODULES = 7\nTRACE_USERGROUP=ops\nTRACE_PREFIX=file\nTRACE_LOCATION=1\n";

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "WindowsCompat.h"
+
 namespace Tracing::Test {
 
 // The TRACE_PREFIX of this test process (parent and its children share it).
@@ -17,6 +19,9 @@ using ChildRole = std::function<int(const std::vector<std::string>& args)>;
 
 // Registers a role that a child started by SpawnChild can take; use PAXLTRACE_CHILD_ROLE.
 bool RegisterChildRole(const char* name, ChildRole role);
+
+// The full path of this test binary.
+std::string SelfExecutable();
 
 // Starts this test binary again as a child running `role` with `args`; returns its pid.
 pid_t SpawnChild(const std::string& role, const std::vector<std::string>& args = {});
