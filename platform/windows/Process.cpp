@@ -56,4 +56,15 @@ bool IsServiceProcess() {
     return service;
 }
 
+bool ProcessIsEnding() {
+    using ShutdownFunction = BOOLEAN(WINAPI*)();
+    static const ShutdownFunction inProgress = [] {
+        HMODULE ntdll = ::GetModuleHandleW(L"ntdll");
+        return ntdll != nullptr ? reinterpret_cast<ShutdownFunction>(reinterpret_cast<void (*)()>(
+                                      ::GetProcAddress(ntdll, "RtlDllShutdownInProgress")))
+                                : nullptr;
+    }();
+    return inProgress != nullptr && inProgress();
+}
+
 }  // namespace Tracing::Platform

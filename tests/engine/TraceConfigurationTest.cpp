@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -10,6 +11,7 @@
 
 #include "TestSupport.h"
 #include "Trace/Engine/TraceConfigurationPrivate.h"
+#include "platform/ExecutablePath.h"
 #include "paxltrace.h"
 
 using namespace Tracing;
@@ -183,12 +185,17 @@ TEST(TraceConfigurationSetters, SharedMemoryConsumptionFollowsTheConfiguredModul
 }
 
 TEST(TraceConfigurationExecutable, NameDropsTheLastExtensionUnlessItStartsTheName) {
-    EXPECT_EQ(Internal::ExecutableNameFromPath("/opt/x.y/a.b.exe"), "a.b");
-    EXPECT_EQ(Internal::ExecutableNameFromPath("/opt/x.y/.hidden"), ".hidden");
-    EXPECT_EQ(Internal::ExecutableNameFromPath("/opt/x.y/tool"), "tool");
+    // Paths as this system writes them.
+    auto native = [](std::string path) {
+        std::replace(path.begin(), path.end(), '/', Tracing::Platform::PathSeparator);
+        return path;
+    };
+    EXPECT_EQ(Internal::ExecutableNameFromPath(native("/opt/x.y/a.b.exe")), "a.b");
+    EXPECT_EQ(Internal::ExecutableNameFromPath(native("/opt/x.y/.hidden")), ".hidden");
+    EXPECT_EQ(Internal::ExecutableNameFromPath(native("/opt/x.y/tool")), "tool");
     EXPECT_EQ(Internal::ExecutableNameFromPath("tool.bin"), "tool");
-    EXPECT_EQ(Internal::ConfigurationFilePathFor("/opt/bin/tool"), "/opt/bin/paxltrace.conf");
-    EXPECT_EQ(Internal::ConfigurationFilePathFor("tool"), "tool/paxltrace.conf");
+    EXPECT_EQ(Internal::ConfigurationFilePathFor(native("/opt/bin/tool")), native("/opt/bin/paxltrace.conf"));
+    EXPECT_EQ(Internal::ConfigurationFilePathFor("tool"), native("tool/paxltrace.conf"));
 }
 
 PAXLTRACE_CHILD_ROLE(ReportConfiguration) {

@@ -47,7 +47,13 @@ TEST(PlatformProcess, LivenessFollowsAChildThroughItsLife) {
         5000));
     EXPECT_EQ(Tracing::Test::WaitChild(child), 128 + SIGKILL);
     uint64_t t = 0;
+#ifdef _WIN32
+    // The system may keep the ended process's object a while after its last handle closed.
+    const ProcessState reaped = QueryProcess(child, t);
+    EXPECT_TRUE(reaped == ProcessState::NotFound || reaped == ProcessState::Exited);
+#else
     EXPECT_EQ(QueryProcess(child, t), ProcessState::NotFound);
+#endif
     EXPECT_EQ(QueryProcess(0, t), ProcessState::NotFound);
     EXPECT_EQ(QueryProcess(-5, t), ProcessState::NotFound);
 }
@@ -120,7 +126,7 @@ TEST(PlatformText, ConversionsRoundTripAndReplaceMalformedInput) {
     EXPECT_EQ(utf16[3], 0xD83D);
     EXPECT_EQ(Utf16ToUtf8(utf16.data(), utf16.size()), utf8);
     const std::wstring wide = Utf8ToWide(utf8.data(), utf8.size());
-    ASSERT_EQ(wide.size(), 5u);
+    ASSERT_EQ(wide.size(), sizeof(wchar_t) == 2 ? 6u : 5u) << "UTF-16 or UTF-32";
     EXPECT_EQ(WideToUtf8(wide.data(), wide.size()), utf8);
 
     const char16_t lone[] = {u'x', 0xD800, u'y'};
@@ -148,5 +154,9 @@ TEST(PlatformEventLog, SinkCapturesTheThreeStrings) {
 TEST(PlatformPath, ExecutablePathNamesThisTest) {
     const std::string path = ExecutableFilePath();
     EXPECT_NE(path.find("test_platform"), std::string::npos) << path;
+#ifdef _WIN32
+    EXPECT_EQ(path.substr(1, 2), std::string(":") + PathSeparator) << "a full path with its drive";
+#else
     EXPECT_EQ(path.front(), PathSeparator);
+#endif
 }

@@ -47,7 +47,7 @@ std::string ProfileKey(unsigned index) {
 }
 
 bool Exists(const std::string& key) {
-    return ::access(Tracing::Platform::SharedMemoryPath(key).c_str(), F_OK) == 0;
+    return Tracing::Test::ShmExists(key);
 }
 
 template <typename T>

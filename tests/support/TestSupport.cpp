@@ -22,6 +22,7 @@
 
 #include "platform/ExecutablePath.h"
 #include "platform/Process.h"
+#include "platform/SharedMemory.h"
 #include "platform/TextConversion.h"
 
 #ifndef _WIN32
@@ -52,6 +53,17 @@ const std::string& ShmPrefix() {
 bool RegisterChildRole(const char* name, ChildRole role) {
     Roles()[name] = std::move(role);
     return true;
+}
+
+bool ShmExists(const std::string& key) {
+#ifdef _WIN32
+    HANDLE mapping = ::OpenFileMappingA(FILE_MAP_READ, FALSE, key.c_str());
+    if (mapping != nullptr)
+        ::CloseHandle(mapping);
+    return mapping != nullptr;
+#else
+    return ::access(Platform::SharedMemoryPath(key).c_str(), F_OK) == 0;
+#endif
 }
 
 std::string SelfExecutable() {

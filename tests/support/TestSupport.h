@@ -20,6 +20,9 @@ using ChildRole = std::function<int(const std::vector<std::string>& args)>;
 // Registers a role that a child started by SpawnChild can take; use PAXLTRACE_CHILD_ROLE.
 bool RegisterChildRole(const char* name, ChildRole role);
 
+// True when a block of shared memory with this key exists on the system.
+bool ShmExists(const std::string& key);
+
 // The full path of this test binary.
 std::string SelfExecutable();
 
