@@ -47,8 +47,8 @@ void WriteEventLog(EventType type, const char* source, const char* userLine, con
     if (handle == nullptr)
         return;
     const char* strings[3] = {entry.source.c_str(), entry.userLine.c_str(), entry.message.c_str()};
-    ::ReportEventA(handle, type == EventType::Error ? EVENTLOG_ERROR_TYPE : EVENTLOG_WARNING_TYPE, 0, 0, nullptr, 3, 0,
-                   strings, nullptr);
+    ::ReportEventA(handle, type == EventType::Error ? EVENTLOG_ERROR_TYPE : EVENTLOG_WARNING_TYPE, 0, 0,
+                   nullptr, 3, 0, strings, nullptr);
 }
 
 EventLogSink SetEventLogSink(EventLogSink sink) {

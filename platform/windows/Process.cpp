@@ -1,6 +1,7 @@
 #include "platform/Process.h"
 
 #include <windows.h>
+// After windows.h, which it needs.
 #include <versionhelpers.h>
 
 #include <limits>

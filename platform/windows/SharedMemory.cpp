@@ -62,8 +62,8 @@ std::wstring ObjectName(const std::string& key) {
 // A security descriptor with the release function that belongs to where it came from.
 struct Descriptor {
     PSECURITY_DESCRIPTOR pointer = nullptr;
-    HLOCAL local = nullptr;               // from ConvertStringSecurityDescriptor...
-    std::vector<unsigned char> buffer;    // from GetFileSecurity
+    HLOCAL local = nullptr;             // from ConvertStringSecurityDescriptor...
+    std::vector<unsigned char> buffer;  // from GetFileSecurity
 
     Descriptor() = default;
     Descriptor(const Descriptor&) = delete;
@@ -115,8 +115,8 @@ ShmError DefaultDescriptor(const std::string& groupAccount, Descriptor& descript
     }
     if (text == L"D:")
         return recorded.Failed() ? recorded : Failure(ERROR_NONE_MAPPED, "LookupAccountNameW");
-    if (!::ConvertStringSecurityDescriptorToSecurityDescriptorW(text.c_str(), SDDL_REVISION_1, &descriptor.pointer,
-                                                                nullptr))
+    if (!::ConvertStringSecurityDescriptorToSecurityDescriptorW(text.c_str(), SDDL_REVISION_1,
+                                                                &descriptor.pointer, nullptr))
         return LastFailure("ConvertStringSecurityDescriptorToSecurityDescriptorW");
     descriptor.local = descriptor.pointer;
     return {};
@@ -131,7 +131,8 @@ ShmError TemplateDescriptor(const std::string& path, bool readOnly, Descriptor& 
     if (needed == 0)
         return LastFailure("GetFileSecurity");
     descriptor.buffer.resize(needed);
-    if (!::GetFileSecurityW(file.c_str(), DACL_SECURITY_INFORMATION, descriptor.buffer.data(), needed, &needed))
+    if (!::GetFileSecurityW(file.c_str(), DACL_SECURITY_INFORMATION, descriptor.buffer.data(), needed,
+                            &needed))
         return LastFailure("GetFileSecurity");
     descriptor.pointer = descriptor.buffer.data();
     BOOL present = FALSE;
@@ -217,8 +218,9 @@ ShmError SharedMemoryBlock::Create(const std::string& key, uint64_t size, const 
     if (built.Failed())
         return built;
     SECURITY_ATTRIBUTES attributes{sizeof(SECURITY_ATTRIBUTES), descriptor.pointer, FALSE};
-    HANDLE mapping = ::CreateFileMappingW(INVALID_HANDLE_VALUE, &attributes, PAGE_READWRITE,
-                                         static_cast<DWORD>(size >> 32), static_cast<DWORD>(size), name.c_str());
+    HANDLE mapping =
+        ::CreateFileMappingW(INVALID_HANDLE_VALUE, &attributes, PAGE_READWRITE,
+                             static_cast<DWORD>(size >> 32), static_cast<DWORD>(size), name.c_str());
     const DWORD error = ::GetLastError();
     if (mapping == nullptr || error == ERROR_ALREADY_EXISTS) {
         if (mapping != nullptr)

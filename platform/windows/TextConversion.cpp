@@ -11,7 +11,8 @@ namespace {
 std::string ToUtf8(const wchar_t* text, std::size_t length) {
     if (length == 0 || length > INT_MAX)
         return {};
-    const int size = ::WideCharToMultiByte(CP_UTF8, 0, text, static_cast<int>(length), nullptr, 0, nullptr, nullptr);
+    const int size =
+        ::WideCharToMultiByte(CP_UTF8, 0, text, static_cast<int>(length), nullptr, 0, nullptr, nullptr);
     if (size <= 0)
         return {};
     std::string out(static_cast<std::size_t>(size), '\0');

@@ -11,8 +11,8 @@
 
 #include "TestSupport.h"
 #include "Trace/Engine/TraceConfigurationPrivate.h"
-#include "platform/ExecutablePath.h"
 #include "paxltrace.h"
+#include "platform/ExecutablePath.h"
 
 using namespace Tracing;
 namespace fs = std::filesystem;

@@ -48,8 +48,8 @@ std::atomic_ref<uint32_t> Word(uint32_t& word) {
 // stays while the process runs, which keeps the object alive.
 Shared& MapShared(const std::string& name, int flags) {
     HANDLE mapping = (flags & O_CREAT) != 0
-                         ? ::CreateFileMappingA(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, sizeof(Shared),
-                                                name.c_str())
+                         ? ::CreateFileMappingA(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0,
+                                                sizeof(Shared), name.c_str())
                          : ::OpenFileMappingA(FILE_MAP_WRITE, FALSE, name.c_str());
     if (mapping == nullptr)
         std::abort();

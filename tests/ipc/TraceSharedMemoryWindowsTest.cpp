@@ -51,11 +51,11 @@ std::string AccessList(const std::string& key) {
         return {};
     PSECURITY_DESCRIPTOR descriptor = nullptr;
     std::string text;
-    if (::GetSecurityInfo(mapping, SE_KERNEL_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr, nullptr, nullptr,
-                          &descriptor) == ERROR_SUCCESS) {
+    if (::GetSecurityInfo(mapping, SE_KERNEL_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr, nullptr,
+                          nullptr, &descriptor) == ERROR_SUCCESS) {
         char* sddl = nullptr;
-        if (::ConvertSecurityDescriptorToStringSecurityDescriptorA(descriptor, SDDL_REVISION_1,
-                                                                   DACL_SECURITY_INFORMATION, &sddl, nullptr)) {
+        if (::ConvertSecurityDescriptorToStringSecurityDescriptorA(
+                descriptor, SDDL_REVISION_1, DACL_SECURITY_INFORMATION, &sddl, nullptr)) {
             text = sddl;
             ::LocalFree(sddl);
         }
@@ -90,12 +90,23 @@ struct TemplateFile {
         : path((std::filesystem::temp_directory_path() / (ShmPrefix() + "template")).string()) {
         std::ofstream(path) << "template";
         PSECURITY_DESCRIPTOR descriptor = nullptr;
-        if (::ConvertStringSecurityDescriptorToSecurityDescriptorA(sddl, SDDL_REVISION_1, &descriptor, nullptr)) {
+        if (::ConvertStringSecurityDescriptorToSecurityDescriptorA(sddl, SDDL_REVISION_1, &descriptor,
+                                                                   nullptr)) {
             ::SetFileSecurityA(path.c_str(), DACL_SECURITY_INFORMATION, descriptor);
             ::LocalFree(descriptor);
         }
     }
-    ~TemplateFile() { std::filesystem::remove(path); }
+    ~TemplateFile() {
+        // Its list lets nobody delete it; the owner may still change the list.
+        PSECURITY_DESCRIPTOR descriptor = nullptr;
+        if (::ConvertStringSecurityDescriptorToSecurityDescriptorA("D:(A;;FA;;;WD)", SDDL_REVISION_1,
+                                                                   &descriptor, nullptr)) {
+            ::SetFileSecurityA(path.c_str(), DACL_SECURITY_INFORMATION, descriptor);
+            ::LocalFree(descriptor);
+        }
+        std::error_code ignored;
+        std::filesystem::remove(path, ignored);
+    }
 };
 
 }  // namespace

@@ -212,7 +212,7 @@ TEST(TraceProfileSHMHandler, BlockHoldsHeaderAndImagesInVisitOrder) {
     ASSERT_TRUE(block.attach(TraceSharedMemory::ReadOnly));
     // Subsystems in byte order: "NoModules", "Plain", "Sub".
     const uint64_t dataSize = 2 * TraceBufferData::GetSize(1) + TraceBufferData::GetSize(3);
-    EXPECT_EQ(block.size(), dataSize + 1256);
+    EXPECT_EQ(block.size(), Tracing::Test::MappedSize(dataSize + 1256));
     EXPECT_EQ(Read<uint16_t>(block, 0), 1u);
     EXPECT_EQ(Read<uint16_t>(block, 2), 203u);
     EXPECT_EQ(Read<uint32_t>(block, 4), dataSize);
@@ -317,7 +317,7 @@ TEST(TraceProfileSHMHandler, GlobalSwitchesComeFromTheDefaultHost) {
     {
         TraceSharedMemory block(ProfileKey(1).c_str());
         ASSERT_TRUE(block.attach(TraceSharedMemory::ReadOnly));
-        EXPECT_EQ(block.size(), 1256u);
+        EXPECT_EQ(block.size(), Tracing::Test::MappedSize(1256));
         EXPECT_EQ(Read<uint32_t>(block, 4), 0u);
         EXPECT_EQ(Read<uint32_t>(block, 8), 1u | 2u | 4u);
     }
@@ -341,6 +341,12 @@ TEST(TraceProfileSHMHandler, GlobalSwitchesComeFromTheDefaultHost) {
 // Blocks written by hand under the next index stand for a faulty or hostile publisher.
 class HostileProfileBlock : public ::testing::Test {
 protected:
+    void SetUp() override {
+#ifdef _WIN32
+        GTEST_SKIP() << "openers see whole pages there, so sizes below a page are not seen as such";
+#endif
+    }
+
     // Lays a header and two single-module images ("A"/"S1", "A"/"S2") into a block of `size`
     // bytes and makes it the current profile.
     void Publish(uint64_t size, uint32_t dataSize, uint32_t ready) {

@@ -66,6 +66,14 @@ bool ShmExists(const std::string& key) {
 #endif
 }
 
+uint64_t MappedSize(uint64_t size) {
+#ifdef _WIN32
+    return (size + 4095) / 4096 * 4096;
+#else
+    return size;
+#endif
+}
+
 std::string SelfExecutable() {
     return Platform::ExecutableFilePath();
 }
@@ -156,8 +164,8 @@ pid_t SpawnChildExecutable(const std::string& executable, const std::string& rol
     STARTUPINFOW startup{};
     startup.cb = sizeof startup;
     PROCESS_INFORMATION info{};
-    if (!::CreateProcessW(path.c_str(), commandLine.data(), nullptr, nullptr, FALSE, CREATE_UNICODE_ENVIRONMENT,
-                          environment.data(), nullptr, &startup, &info))
+    if (!::CreateProcessW(path.c_str(), commandLine.data(), nullptr, nullptr, FALSE,
+                          CREATE_UNICODE_ENVIRONMENT, environment.data(), nullptr, &startup, &info))
         return -1;
     ::CloseHandle(info.hThread);
     const pid_t pid = static_cast<pid_t>(info.dwProcessId);
@@ -171,7 +179,8 @@ int WaitChild(pid_t pid) {
     if (process == nullptr)
         return -1;
     DWORD code = 0;
-    const bool ended = ::WaitForSingleObject(process, INFINITE) == WAIT_OBJECT_0 && ::GetExitCodeProcess(process, &code);
+    const bool ended =
+        ::WaitForSingleObject(process, INFINITE) == WAIT_OBJECT_0 && ::GetExitCodeProcess(process, &code);
     ::CloseHandle(process);
     return ended ? static_cast<int>(code) : -1;
 }
@@ -183,7 +192,8 @@ int Kill(pid_t pid, int signal) {
     HANDLE opened = nullptr;
     if (process == nullptr)
         process = opened = ::OpenProcess(PROCESS_TERMINATE, FALSE, static_cast<DWORD>(pid));
-    const bool killed = process != nullptr && ::TerminateProcess(process, 128 + static_cast<unsigned>(signal));
+    const bool killed =
+        process != nullptr && ::TerminateProcess(process, 128 + static_cast<unsigned>(signal));
     if (opened != nullptr)
         ::CloseHandle(opened);
     return killed ? 0 : -1;
@@ -210,7 +220,8 @@ char* MakeTemporaryDirectory(char* pattern) {
         if (x == std::string::npos || x + 6 != candidate.size())
             return nullptr;
         static unsigned counter = 0;
-        std::snprintf(candidate.data() + x, 7, "%06u", static_cast<unsigned>((::GetCurrentProcessId() * 7919u + counter++) % 1000000u));
+        std::snprintf(candidate.data() + x, 7, "%06u",
+                      static_cast<unsigned>((::GetCurrentProcessId() * 7919u + counter++) % 1000000u));
         if (::CreateDirectoryA(candidate.c_str(), nullptr)) {
             std::copy(candidate.begin(), candidate.end(), pattern);
             return pattern;
@@ -305,7 +316,8 @@ int main(int argc, char** argv) {
     _putenv_s("PATH", (directory + ";" + (path != nullptr ? path : "")).c_str());
 #endif
     // Set before anything reads the configuration, so no test meets another's shared memory.
-    PrefixStorage() = std::string(PAXLTRACE_TEST_PREFIX) + std::to_string(Tracing::Platform::CurrentProcessId());
+    PrefixStorage() =
+        std::string(PAXLTRACE_TEST_PREFIX) + std::to_string(Tracing::Platform::CurrentProcessId());
     setenv("TRACE_PREFIX", PrefixStorage().c_str(), 1);
     testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();

@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <vector>
@@ -22,6 +23,10 @@ bool RegisterChildRole(const char* name, ChildRole role);
 
 // True when a block of shared memory with this key exists on the system.
 bool ShmExists(const std::string& key);
+
+// The size an opener of a block created with `size` bytes maps: the size itself, or whole pages
+// where the system keeps no exact size (Windows).
+uint64_t MappedSize(uint64_t size);
 
 // The full path of this test binary.
 std::string SelfExecutable();
