@@ -79,6 +79,72 @@ PAXLTRACE_API const char* trace_severity_to_string(unsigned severity);
 PAXLTRACE_API unsigned trace_severity_from_string(const char* text);
 
 /*
+ * Trace engines: one per (buffer name, module name) of this process, a handle onto a module slot
+ * of the process's trace buffer in shared memory.
+ */
+typedef struct TraceEngine TraceEngine;
+
+/* Results of the engine functions; texts from trace_engine_error_text. */
+#define TRACE_ENGINE_OK 0
+#define TRACE_ENGINE_ALREADY_CREATED 1
+#define TRACE_ENGINE_CANNOT_CREATE_BUFFER 2
+#define TRACE_ENGINE_CANNOT_CREATE_MODULE 3
+#define TRACE_ENGINE_NOT_CREATED 4
+#define TRACE_ENGINE_BUFFER_ERROR 5
+#define TRACE_ENGINE_TEXT_TOO_LONG 6 /* a warning: the engine works, a name was truncated */
+#define TRACE_ENGINE_MAX_MODULES_REACHED 7
+#define TRACE_ENGINE_INVALID_ARGUMENTS 8
+
+/*
+ * Creates an engine. moduleCount 0 and severity 0 take the configured values. On 0 or 6 the engine
+ * is stored in *engine and, when filterWord is non-null, the address of the module's filter word
+ * (bits 0-3 severity, bits 4-31 flags) in *filterWord. Test that word before each write.
+ */
+PAXLTRACE_API int trace_engine_create(const char* bufferName, const char* moduleName, unsigned moduleCount,
+                                      unsigned severity, bool printWarning, TraceEngine** engine,
+                                      unsigned** filterWord);
+/* Releases the handle only; the module stays in the buffer. */
+PAXLTRACE_API void trace_engine_destroy(TraceEngine* engine);
+/* The flag's bit (4-31), or 0 on failure. */
+PAXLTRACE_API unsigned char trace_engine_register_flag(TraceEngine* engine, const char* flagName,
+                                                       bool active);
+/* As trace_engine_register_flag, printing a warning on failure. */
+PAXLTRACE_API unsigned char trace_engine_register_flag_checked(TraceEngine* engine, const char* flagName,
+                                                               bool active);
+PAXLTRACE_API bool trace_engine_set_flag(TraceEngine* engine, unsigned flagBit, bool on);
+PAXLTRACE_API bool trace_engine_get_flag(TraceEngine* engine, unsigned char flagBit);
+/* No range check: a value above 15 also sets flag bits. */
+PAXLTRACE_API void trace_engine_set_severity(TraceEngine* engine, unsigned severity);
+PAXLTRACE_API unsigned trace_engine_get_severity(TraceEngine* engine);
+/* Whether writes keep file and line. */
+PAXLTRACE_API void trace_engine_set_location(TraceEngine* engine, bool on);
+PAXLTRACE_API bool trace_engine_get_location(TraceEngine* engine);
+PAXLTRACE_API unsigned trace_engine_get_buffer_id(TraceEngine* engine);
+PAXLTRACE_API unsigned trace_engine_get_module_id(TraceEngine* engine);
+/*
+ * Writes one trace without testing the filter word. With text null the entry carries
+ * binaryTextId instead. String parameters too long for one entry are shortened in place.
+ * Returns 0, or 4 for an engine that was not created.
+ */
+PAXLTRACE_API int trace_engine_write(TraceEngine* engine, const char* file, unsigned line,
+                                     unsigned severityWord, const char* text, unsigned long long binaryTextId,
+                                     unsigned char count, TraceParameter* parameters);
+PAXLTRACE_API const char* trace_engine_error_text(unsigned code);
+
+/*
+ * Severity of this process's modules: all of them (both names null), those of one buffer, or the
+ * first module of that name in that buffer. 1 when any module changed, else 0.
+ */
+PAXLTRACE_API int trace_set_severity(unsigned severity, const char* bufferName, const char* moduleName);
+/* Switches a named flag of a module of this process. */
+PAXLTRACE_API bool trace_set_flag(const char* bufferName, const char* moduleName, const char* flagName,
+                                  bool on);
+
+/* Text of a timestamp in the given mode (0 = configured); release with trace_free. */
+PAXLTRACE_API char* trace_timer_format(unsigned long long timestamp, unsigned timestampMode);
+PAXLTRACE_API unsigned trace_current_thread_id(void);
+
+/*
  * Process-wide configuration. Best called before the first engine is created: buffers keep the
  * sizes and timestamp mode they were created with; only name changes reach them later.
  */

@@ -4,7 +4,8 @@
 #   scripts/install-deps.sh --windows   also the Windows cross-build and Wine to run its tests
 set -euo pipefail
 
-packages=(cmake make g++ pkg-config googletest libgtest-dev libgmock-dev libbenchmark-dev)
+packages=(cmake make g++ pkg-config googletest libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
+          libtomlplusplus-dev python3)
 if [ "${1:-}" = "--windows" ]; then
   packages+=(g++-mingw-w64-x86-64 wine64)
 fi

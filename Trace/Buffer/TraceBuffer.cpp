@@ -5,6 +5,7 @@
 #include <string_view>
 #include <thread>
 
+#include "Trace/Buffer/TraceBufferUpdater.h"
 #include "Trace/Buffer/TraceModuleData.h"
 #include "Trace/Diagnostics/TraceDiagnostics.h"
 #include "Trace/Engine/TraceConfigurationPrivate.h"
@@ -92,6 +93,8 @@ TraceBuffer::TraceBuffer()
       m_createdAt(std::chrono::steady_clock::now()) {}
 
 TraceBuffer::~TraceBuffer() {
+    // The updater thread may be inside Update, which takes the mutex: removal waits for it.
+    m_updater.reset();
     std::lock_guard lock(m_mutex);
     Detach();
 }
@@ -102,6 +105,8 @@ void TraceBuffer::Detach() {
     m_header = nullptr;
     m_moduleCount = 0;
     m_modules.clear();
+    m_unreportedModules.clear();
+    m_hasUnreportedModules.store(false, std::memory_order_seq_cst);
     m_memory.detach();
 }
 
@@ -253,10 +258,8 @@ TraceBuffer::ErrorType TraceBuffer::Create(int32_t bufferID, int64_t processID,
     m_applicationName = header->GetApplicationName();
     m_registryHostName = OrEmpty(registryHostName);
     m_profileSeverity = profileSeverity;
-    if (record != nullptr) {
-        HeaderLock headerLock(*this);
-        SyncModuleTable();
-    }
+    if (record != nullptr)
+        Update();
 
     Initialize();
     if (m_header == nullptr)
@@ -343,10 +346,7 @@ TraceBuffer::ErrorType TraceBuffer::Attach(int32_t bufferID, int64_t processID, 
 
     if (!Initialize())
         return SharedMemoryFailed;
-    {
-        HeaderLock headerLock(*this);
-        SyncModuleTable();
-    }
+    Update();
     m_header->SetConsumerAttached(true);
     return Success;
 }
@@ -361,6 +361,277 @@ bool TraceBuffer::Initialize() {
     }
     m_initialized = true;
     return true;
+}
+
+bool TraceBuffer::CreateUpdater() {
+    if (m_updater != nullptr)
+        return true;
+    try {
+        m_updater = std::make_unique<TraceBufferUpdater>(*this);
+    } catch (const std::exception& e) {
+        ReportWarning(TraceMessage("Couldn't create the updater of trace buffer: BufferID: %1. %2")
+                          .Add(GetBufferID())
+                          .Add(e.what()));
+        return false;
+    }
+    return true;
+}
+
+void TraceBuffer::NoteOwnChange() {
+    if (m_updater != nullptr)
+        m_updater->IncHeaderChangeCounter();
+    else
+        IncChangeCounter();
+}
+
+void TraceBuffer::RefreshModuleEntry(const TraceModuleData& slot) {
+    const auto entry = m_modules.find(slot.GetModuleID());
+    if (entry == m_modules.end() || entry->second.Slot != &slot)
+        return;
+    entry->second.FilterState = slot.GetFilterState();
+    entry->second.RegisteredFlags = slot.GetRegisteredFlags();
+}
+
+// --- change notification
+
+namespace {
+
+uint64_t Address(const void* listener) {
+    return static_cast<uint64_t>(reinterpret_cast<uintptr_t>(listener));
+}
+
+template <typename Listener>
+bool Contains(const std::vector<Listener*>& listeners, const Listener* listener) {
+    return std::find(listeners.begin(), listeners.end(), listener) != listeners.end();
+}
+
+template <typename Listener>
+void Erase(std::vector<Listener*>& listeners, const Listener* listener) {
+    listeners.erase(std::find(listeners.begin(), listeners.end(), listener));
+}
+
+void ReportNotify(const TraceMessage& message) {
+    if (TraceDiagnostics::IsActive(DiagnosticCategory::Notify))
+        TraceDiagnostics::GetInstance().Report(DiagnosticCategory::Notify, Severity::Info, message);
+}
+
+}  // namespace
+
+void TraceBuffer::RegisterDataChangedListener(ITraceBufferDataChangedListener* listener,
+                                              bool enableInitialNotification) {
+    if (listener == nullptr)
+        return;
+    std::set<int> modules;
+    {
+        HeaderLock lock(*this);
+        if (Contains(m_dataChangedListeners, listener)) {
+            ReportNotify(TraceMessage("Couldn't register data changed listener (0x%1:x) for trace buffer: "
+                                      "BufferID: %2. Already registered.")
+                             .Add(Address(listener))
+                             .Add(GetBufferID()));
+            return;
+        }
+        m_dataChangedListeners.push_back(listener);
+        ReportNotify(TraceMessage("Registering ITraceBufferDataChangedListener (0x%1:x). BufferID: %2. "
+                                  "EnableInitialNotification: %3.")
+                         .Add(Address(listener))
+                         .Add(GetBufferID())
+                         .Add(enableInitialNotification));
+        if (!enableInitialNotification)
+            return;
+        for (uint32_t i = 0; m_header != nullptr && i < m_moduleCount; ++i) {
+            const TraceModuleData* slot = Slot(i);
+            if (slot->IsActivated())
+                modules.insert(slot->GetModuleID());
+        }
+    }
+    if (modules.empty())
+        return;
+    ReportNotify(
+        TraceMessage("Calling ITraceBufferDataChangedListener (0x%1:x). OnModulesCreated, %2 modules. "
+                     "BufferID: %3.")
+            .Add(Address(listener))
+            .Add(modules.size())
+            .Add(GetBufferID()));
+    listener->OnModulesCreated(*this, modules);
+}
+
+void TraceBuffer::UnregisterDataChangedListener(ITraceBufferDataChangedListener* listener) {
+    std::lock_guard lock(m_mutex);
+    if (!Contains(m_dataChangedListeners, listener)) {
+        ReportNotify(TraceMessage("Couldn't unregister data changed listener (0x%1:x) from trace buffer: "
+                                  "BufferID: %2. Not registered")
+                         .Add(Address(listener))
+                         .Add(GetBufferID()));
+        return;
+    }
+    Erase(m_dataChangedListeners, listener);
+    ReportNotify(TraceMessage("Unregistered ITraceBufferDataChangedListener (0x%1:x). BufferID: %2.")
+                     .Add(Address(listener))
+                     .Add(GetBufferID()));
+}
+
+void TraceBuffer::RegisterNewTracesListener(INewTracesListener* listener) {
+    if (listener == nullptr)
+        return;
+    std::lock_guard lock(m_mutex);
+    if (Contains(m_newTracesListeners, listener)) {
+        ReportNotify(TraceMessage("Couldn't register new traces listener (0x%1:x) for trace buffer: "
+                                  "BufferID: %2. Already registered.")
+                         .Add(Address(listener))
+                         .Add(GetBufferID()));
+        return;
+    }
+    m_newTracesListeners.push_back(listener);
+    ReportNotify(TraceMessage("Registering INewTracesListener (0x%1:x). BufferID: %2.")
+                     .Add(Address(listener))
+                     .Add(GetBufferID()));
+}
+
+void TraceBuffer::UnregisterNewTracesListener(INewTracesListener* listener) {
+    std::lock_guard lock(m_mutex);
+    if (!Contains(m_newTracesListeners, listener)) {
+        ReportNotify(TraceMessage("Couldn't unregister new traces listener (0x%1:x) from trace buffer: "
+                                  "BufferID: %2. Not registered")
+                         .Add(Address(listener))
+                         .Add(GetBufferID()));
+        return;
+    }
+    Erase(m_newTracesListeners, listener);
+    ReportNotify(TraceMessage("Unregistered INewTracesListener (0x%1:x). BufferID: %2")
+                     .Add(Address(listener))
+                     .Add(GetBufferID()));
+}
+
+void TraceBuffer::SuspendUpdate() {
+    if (m_updater != nullptr)
+        m_updater->Suspend();
+}
+
+void TraceBuffer::ResumeUpdate() {
+    if (m_updater != nullptr)
+        m_updater->Resume();
+}
+
+bool TraceBuffer::UpdateIsNeeded() const {
+    // Another process's module that this process's own registration found: its change counter move
+    // may already have been handled.
+    return m_hasUnreportedModules.load(std::memory_order_seq_cst);
+}
+
+void TraceBuffer::Update() {
+    std::set<int> created;
+    std::set<int> filtersChanged;
+    std::map<int, unsigned> flagsRegistered;
+    std::optional<std::pair<std::string, std::string>> systemRenamed;
+    std::optional<std::pair<std::string, std::string>> applicationRenamed;
+    {
+        // The names too are read under the header lock: a rename in progress would tear them.
+        HeaderLock lock(*this);
+        if (m_header == nullptr)
+            return;
+        // A freed or reused slot must not be compared under its old module ID.
+        std::erase_if(m_modules, [](const auto& entry) {
+            return !entry.second.Slot->IsActivated() || entry.second.Slot->GetModuleID() != entry.first;
+        });
+        for (int moduleID : m_unreportedModules) {
+            if (m_modules.count(moduleID) != 0)
+                created.insert(moduleID);
+        }
+        m_unreportedModules.clear();
+        m_hasUnreportedModules.store(false, std::memory_order_seq_cst);
+        for (uint32_t i = 0; i < m_moduleCount; ++i) {
+            TraceModuleData* slot = Slot(i);
+            if (slot->IsActivated() &&
+                m_modules
+                    .try_emplace(slot->GetModuleID(),
+                                 ModuleEntry{slot, slot->GetFilterState(), slot->GetRegisteredFlags()})
+                    .second)
+                created.insert(slot->GetModuleID());
+        }
+
+        const auto compareName = [](std::string& kept, const char* current,
+                                    std::optional<std::pair<std::string, std::string>>& renamed) {
+            if (kept != current) {
+                renamed.emplace(kept, current);
+                kept = current;
+            }
+        };
+        compareName(m_systemName, m_header->GetSystemName(), systemRenamed);
+        compareName(m_applicationName, m_header->GetApplicationName(), applicationRenamed);
+
+        // A created module is reported with its present state, not as changed.
+        for (auto& [moduleID, entry] : m_modules) {
+            const bool isNew = created.count(moduleID) != 0;
+            const uint32_t state = entry.Slot->GetFilterState();
+            if (state != entry.FilterState) {
+                entry.FilterState = state;
+                if (!isNew)
+                    filtersChanged.insert(moduleID);
+            }
+            const uint32_t flags = entry.Slot->GetRegisteredFlags();
+            if (flags != entry.RegisteredFlags) {
+                entry.RegisteredFlags = flags;
+                if (!isNew)
+                    flagsRegistered.emplace(moduleID, flags);
+            }
+        }
+    }
+
+    if (systemRenamed)
+        FireSystemNameChanged(systemRenamed->first, systemRenamed->second);
+    if (applicationRenamed)
+        FireApplicationNameChanged(applicationRenamed->first, applicationRenamed->second);
+    if (!created.empty())
+        FireModulesCreated(created);
+    if (!filtersChanged.empty())
+        FireModuleFiltersChanged(filtersChanged);
+    for (const auto& [moduleID, flags] : flagsRegistered)
+        FireFlagsRegistered(moduleID, flags);
+}
+
+template <typename Listener, typename Call>
+void TraceBuffer::Fire(const std::vector<Listener*>& listeners, Call call) {
+    std::vector<Listener*> copy;
+    {
+        std::lock_guard lock(m_mutex);
+        copy = listeners;
+    }
+    for (Listener* listener : copy)
+        call(*listener);
+}
+
+void TraceBuffer::NewTracesAreAvailable() {
+    Fire(m_newTracesListeners, [this](INewTracesListener& listener) { listener.OnNewTraces(*this); });
+}
+
+void TraceBuffer::FireSystemNameChanged(const std::string& oldName, const std::string& newName) {
+    Fire(m_dataChangedListeners, [&](ITraceBufferDataChangedListener& listener) {
+        listener.OnSystemNameChanged(*this, oldName, newName);
+    });
+}
+
+void TraceBuffer::FireApplicationNameChanged(const std::string& oldName, const std::string& newName) {
+    Fire(m_dataChangedListeners, [&](ITraceBufferDataChangedListener& listener) {
+        listener.OnApplicationNameChanged(*this, oldName, newName);
+    });
+}
+
+void TraceBuffer::FireModulesCreated(const std::set<int>& moduleIDs) {
+    Fire(m_dataChangedListeners,
+         [&](ITraceBufferDataChangedListener& listener) { listener.OnModulesCreated(*this, moduleIDs); });
+}
+
+void TraceBuffer::FireModuleFiltersChanged(const std::set<int>& moduleIDs) {
+    Fire(m_dataChangedListeners, [&](ITraceBufferDataChangedListener& listener) {
+        listener.OnModuleFiltersChanged(*this, moduleIDs);
+    });
+}
+
+void TraceBuffer::FireFlagsRegistered(int moduleID, unsigned flags) {
+    Fire(m_dataChangedListeners, [&](ITraceBufferDataChangedListener& listener) {
+        listener.OnFlagsRegistered(*this, moduleID, flags);
+    });
 }
 
 // --- module slots
@@ -408,9 +679,12 @@ TraceModuleData* TraceBuffer::ActivateFirstFreeSlot(int32_t moduleID, const char
 void TraceBuffer::SyncModuleTable() {
     for (uint32_t i = 0; i < m_moduleCount; ++i) {
         TraceModuleData* slot = Slot(i);
-        if (slot->IsActivated() && m_modules.find(slot->GetModuleID()) == m_modules.end())
+        if (slot->IsActivated() && m_modules.find(slot->GetModuleID()) == m_modules.end()) {
             m_modules.emplace(slot->GetModuleID(),
                               ModuleEntry{slot, slot->GetFilterState(), slot->GetRegisteredFlags()});
+            m_unreportedModules.insert(slot->GetModuleID());
+            m_hasUnreportedModules.store(true, std::memory_order_seq_cst);
+        }
     }
 }
 
@@ -472,7 +746,7 @@ TraceModuleData* TraceBuffer::RegisterModule(const char* name, Severity::Type se
         }
         m_modules[moduleID] = ModuleEntry{slot, slot->GetFilterState(), slot->GetRegisteredFlags()};
     }
-    IncChangeCounter();
+    NoteOwnChange();
     return slot;
 }
 
@@ -504,9 +778,10 @@ uint8_t TraceBuffer::RegisterFlag(int32_t moduleID, const char* name, bool activ
             return 0;
         }
         registered = slot->GetRegisteredFlags() != before;
+        RefreshModuleEntry(*slot);
     }
     if (registered)
-        IncChangeCounter();
+        NoteOwnChange();
     return bit;
 }
 
@@ -589,11 +864,13 @@ bool TraceBuffer::ChangeFilter(int32_t moduleID, Change change) {
     {
         HeaderLock lock(*this);
         TraceModuleData* slot = FindSlot(moduleID);
-        if (slot != nullptr)
+        if (slot != nullptr) {
             changed = change(*slot);
+            RefreshModuleEntry(*slot);
+        }
     }
     if (changed)
-        IncChangeCounter();
+        NoteOwnChange();
     return changed;
 }
 
@@ -642,10 +919,11 @@ void TraceBuffer::ApplyDefaultProfile() {
             const uint32_t before = slot->GetFilterState();
             slot->ApplyProfile(*record, record->GetProfileSeverity());
             changed = changed || slot->GetFilterState() != before;
+            RefreshModuleEntry(*slot);
         }
     }
     if (changed)
-        IncChangeCounter();
+        NoteOwnChange();
 }
 
 // --- writing and reading
@@ -759,22 +1037,29 @@ std::string TraceBuffer::GetBufferName() const {
 }
 
 void TraceBuffer::SetName(bool system, const char* name) {
-    bool changed = false;
+    std::string oldName;
+    std::string newName;
     {
         HeaderLock lock(*this);
         if (m_header == nullptr)
             return;
         const std::string_view current = system ? m_header->GetSystemName() : m_header->GetApplicationName();
-        if (current != StoredName(name)) {
-            if (system)
-                m_header->SetSystemName(name);
-            else
-                m_header->SetApplicationName(name);
-            changed = true;
-        }
+        if (current == StoredName(name))
+            return;
+        std::string& kept = system ? m_systemName : m_applicationName;
+        if (system)
+            m_header->SetSystemName(name);
+        else
+            m_header->SetApplicationName(name);
+        oldName = kept;
+        newName = system ? m_header->GetSystemName() : m_header->GetApplicationName();
+        kept = newName;
     }
-    if (changed)
-        IncChangeCounter();
+    NoteOwnChange();
+    if (system)
+        FireSystemNameChanged(oldName, newName);
+    else
+        FireApplicationNameChanged(oldName, newName);
 }
 
 void TraceBuffer::SetSystemName(const char* name) {

@@ -3,8 +3,9 @@
 // offers module and flag registration, filter changes, writing and reading.
 //
 // Locks: the object's mutex first, then the header's TraceIpcLock; registration and filter changes
-// hold both, writes and reads hold neither. A header attached from another process is not trusted:
-// the module slots used are bounded by the mapping, whatever the header claims.
+// hold both, writes and reads hold neither. Listeners are called with neither held. A header attached from
+// another process is not trusted: the module slots used are bounded by the mapping, whatever the header
+// claims.
 #pragma once
 
 #include <atomic>
@@ -14,9 +15,12 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
+#include "Trace/Buffer/INewTracesListener.h"
+#include "Trace/Buffer/ITraceBufferDataChangedListener.h"
 #include "Trace/Buffer/TraceBufferData.h"
 #include "Trace/Buffer/TraceBufferInfo.h"
 #include "Trace/Buffer/TraceModuleInfo.h"
@@ -30,6 +34,7 @@
 namespace Tracing {
 
 class Trace;
+class TraceBufferUpdater;
 class TraceModuleData;
 
 class TraceBuffer {
@@ -56,7 +61,8 @@ public:
     static constexpr uint32_t MaxStreamSize = 0x80000000u;
 
     TraceBuffer();
-    // Detaches from the shared memory (a created buffer vanishes with its last holder).
+    // Stops the updater, then detaches from the shared memory (a created buffer vanishes with its
+    // last holder). No thread may hold the object's mutex meanwhile.
     ~TraceBuffer();
     TraceBuffer(const TraceBuffer&) = delete;
     TraceBuffer& operator=(const TraceBuffer&) = delete;
@@ -71,9 +77,33 @@ public:
     // Consumer (or a producer finding its own buffer again): attaches an existing buffer by the
     // name its creator gave it; hostName is the registry host name.
     ErrorType Attach(int32_t bufferID, int64_t processID, const char* hostName, const char* subSystemName);
-    // Makes the buffer ready for updates; false detaches.
+    // Makes the buffer ready for updates (creates its updater); false detaches.
     bool Initialize();
     bool IsInitialized() const { return m_initialized; }
+
+    // --- change notification. Calls come from the updater thread; a listener may (un)register
+    // listeners from inside a call, and one removed during a round may still get that round's call.
+    // With enableInitialNotification, a buffer that has modules calls OnModulesCreated with all of
+    // them at once.
+    void RegisterDataChangedListener(ITraceBufferDataChangedListener* listener,
+                                     bool enableInitialNotification);
+    void UnregisterDataChangedListener(ITraceBufferDataChangedListener* listener);
+    void RegisterNewTracesListener(INewTracesListener* listener);
+    void UnregisterNewTracesListener(INewTracesListener* listener);
+    // While suspended, polls report nothing; the poll after a resume compares everything.
+    void SuspendUpdate();
+    void ResumeUpdate();
+    // Full comparison of the header with what this object last saw, then the notifications.
+    void Update();
+    // Whether the next poll needs a full comparison although the change counter did not move.
+    bool UpdateIsNeeded() const;
+    // Tells the new-traces listeners.
+    void NewTracesAreAvailable();
+    void FireSystemNameChanged(const std::string& oldName, const std::string& newName);
+    void FireApplicationNameChanged(const std::string& oldName, const std::string& newName);
+    void FireModulesCreated(const std::set<int>& moduleIDs);
+    void FireModuleFiltersChanged(const std::set<int>& moduleIDs);
+    void FireFlagsRegistered(int moduleID, unsigned flags);
 
     // --- modules and flags
     // Registers a module, or returns the slot of the module with this exact name. moduleID -1 draws
@@ -135,7 +165,8 @@ public:
     TraceBufferData* GetBufferData() const { return m_header; }
     bool IsLocal() const;
 
-    // Renames in the header; a change moves the change counter so that other processes notice.
+    // Renames in the header and tells this process's listeners; a change moves the change counter
+    // so that other processes notice.
     void SetSystemName(const char* name);
     void SetApplicationName(const char* name);
     // 0 without a header.
@@ -177,14 +208,20 @@ private:
     // Takes both locks for the scope: the object's mutex, then the header's lock.
     class HeaderLock;
 
-    // The buffer's updater item; it comes with change notification.
-    bool CreateUpdater() { return true; }
+    bool CreateUpdater();
+    // Moves the change counter for other processes; this process already knows of the change.
+    void NoteOwnChange();
+    // Takes a changed slot's state into the module table (both locks held).
+    void RefreshModuleEntry(const TraceModuleData& slot);
+    template <typename Listener, typename Call>
+    void Fire(const std::vector<Listener*>& listeners, Call call);
     void Detach();
     // Reports a failed Attach step, drops the mapping and returns SharedMemoryFailed.
     ErrorType FailAttach(int32_t bufferID, const std::string& name, SHMErrorCodes::Values error);
     // The machine-wide trace-ID counter when the header asks for global trace IDs, else null.
     uint32_t* GlobalTraceCounter() const;
-    // Enters active slots that are not in the module table yet (both locks held).
+    // Enters active slots that are not in the module table yet (both locks held); the next Update
+    // reports them as created.
     void SyncModuleTable();
     // Slot lookups bounded by m_moduleCount.
     TraceModuleData* Slot(uint32_t index) const;
@@ -217,6 +254,14 @@ private:
     mutable std::recursive_mutex m_mutex;
     // By module ID; guarded by m_mutex.
     std::map<int32_t, ModuleEntry> m_modules;
+    // In registration order; guarded by m_mutex.
+    std::vector<ITraceBufferDataChangedListener*> m_dataChangedListeners;
+    std::vector<INewTracesListener*> m_newTracesListeners;
+    // Modules SyncModuleTable entered that no listener has heard of yet; guarded by m_mutex.
+    std::set<int> m_unreportedModules;
+    std::atomic<bool> m_hasUnreportedModules{false};
+    // Set by Initialize, reset first by the destructor.
+    std::unique_ptr<TraceBufferUpdater> m_updater;
 };
 
 }  // namespace Tracing

@@ -194,6 +194,12 @@ TraceProfileSHMHandler::~TraceProfileSHMHandler() {
         m_memory->detach();
 }
 
+std::unique_lock<std::recursive_mutex> TraceProfileSHMHandler::LockSHM() const {
+    // The registry's set-up reads the profile: it is always reached before this lock, never under it.
+    TraceRegistry::GetInstance();
+    return std::unique_lock(m_mutex);
+}
+
 void TraceProfileSHMHandler::GetSHMName(std::string& name, unsigned int index) {
     name = TraceMessage("%1TraceProfile_V%2_%3")
                .Add(TraceConfigurationPrivate::GetInstance().GetShmPrefix())
@@ -212,7 +218,7 @@ void TraceProfileSHMHandler::Detach() const {
 }
 
 TraceProfileSHMHandler::ErrorType TraceProfileSHMHandler::CreateSHM(const TraceProfile& profile) {
-    std::lock_guard lock(m_mutex);
+    const auto lock = LockSHM();
     TraceRegistry& registry = TraceRegistry::GetInstance();
     const unsigned int oldWord = registry.GetProfileIndex();
     // An index whose publication failed was never in force: take it again.
@@ -285,7 +291,7 @@ TraceProfileSHMHandler::ErrorType TraceProfileSHMHandler::DoCreateSHM(const Trac
 }
 
 bool TraceProfileSHMHandler::AttachToCurrentSHM() const {
-    std::lock_guard lock(m_mutex);
+    const auto lock = LockSHM();
     const unsigned int word = TraceRegistry::GetInstance().GetProfileIndex();
     if (word == m_profileIndex)
         return m_memory->isAttached();
@@ -331,7 +337,7 @@ bool TraceProfileSHMHandler::AttachToCurrentSHM() const {
 }
 
 bool TraceProfileSHMHandler::GetGlobalSwitches(unsigned int& switches) const {
-    std::lock_guard lock(m_mutex);
+    const auto lock = LockSHM();
     if (!AttachToCurrentSHM())
         return false;
     switches = ViewOf(*m_memory).header->GetGlobalSwitches();
@@ -377,7 +383,7 @@ const TraceBufferData* TraceProfileSHMHandler::FindBufferInSHM(const char* appli
                                                                const char* subsystem) const {
     application = OrEmpty(application);
     subsystem = OrEmpty(subsystem);
-    std::lock_guard lock(m_mutex);
+    const auto lock = LockSHM();
     if (!AttachToCurrentSHM())
         return nullptr;
     const char* const candidates[][2] = {{application, subsystem},
@@ -398,7 +404,7 @@ bool TraceProfileSHMHandler::FindModuleInSHM(const TraceModuleData** out, const 
         *out = nullptr;
     application = OrEmpty(application);
     subsystem = OrEmpty(subsystem);
-    std::lock_guard lock(m_mutex);
+    const auto lock = LockSHM();
     if (!AttachToCurrentSHM())
         return false;
     const TraceModuleData* found = nullptr;

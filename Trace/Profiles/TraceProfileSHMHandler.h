@@ -113,7 +113,7 @@ public:
     bool GlobalTraceID() const;
 
     // A newer profile detaches the block: hold this while using a pointer returned above.
-    std::unique_lock<std::recursive_mutex> LockSHM() const { return std::unique_lock(m_mutex); }
+    std::unique_lock<std::recursive_mutex> LockSHM() const;
 
     TraceProfileSHMHandler(const TraceProfileSHMHandler&) = delete;
     TraceProfileSHMHandler& operator=(const TraceProfileSHMHandler&) = delete;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <mutex>
 #include <system_error>
 
 #include "Trace/Diagnostics/TraceDiagnostics.h"
@@ -9,6 +10,7 @@
 #include "Trace/Records/PrintMsg.h"
 #include "Trace/Records/TraceMessage.h"
 #include "Trace/Time/TraceTimer.h"
+#include "paxltrace.h"
 #include "platform/Clock.h"
 #include "platform/Process.h"
 #include "platform/Thread.h"
@@ -16,7 +18,6 @@
 namespace Tracing {
 namespace {
 
-constexpr unsigned long ExitStopTimeoutMs = 1500;
 constexpr unsigned StartWaitSleeps = 1000;
 constexpr unsigned StopCheckMs = 16;
 constexpr unsigned StopRetries = 10;
@@ -33,7 +34,7 @@ std::atomic<bool> stopRequested{false};
 class StopAtExit {
 public:
     explicit StopAtExit(TraceUpdateManager& manager) : m_manager(manager) {}
-    ~StopAtExit() { m_manager.Stop(ExitStopTimeoutMs); }
+    ~StopAtExit() { m_manager.Stop(TraceUpdateManager::ExitStopTimeoutMs); }
 
     StopAtExit(const StopAtExit&) = delete;
     StopAtExit& operator=(const StopAtExit&) = delete;
@@ -117,13 +118,31 @@ void TraceUpdateManager::Start() {
 }
 
 void TraceUpdateManager::TraceOwnThreadStart() {
-    // The library's own engine for this thread joins once the engine interface exists.
+    // Kept for the life of the process, like the manager itself.
+    static TraceEngine* engine = nullptr;
+    static uint8_t threadStartFlag = 0;
+    static std::once_flag once;
+    std::call_once(once, [] {
+        trace_engine_create("Core", "Thread", 0, 0, true, &engine, nullptr);
+        threadStartFlag = trace_engine_register_flag_checked(engine, "ThreadStart", false);
+    });
+    // A failed registration (bit 0) never reads as set.
+    if (trace_engine_get_flag(engine, threadStartFlag)) {
+        // Clearing bits 1 and 3 of the flag mask leaves the flag bit; the severity is Verbose.
+        const uint32_t severityWord = ((1u << threadStartFlag) & ~0xAu) | Severity::Verbose;
+        TraceMessage message("Started thread 0x%1:x with the name %2");
+        message.Add(Platform::CurrentThreadId()).Add("Trace updater thread");
+        trace_engine_write(engine, nullptr, 0, severityWord, message.GetText(), 0,
+                           message.GetParameterCount(), message.GetParameters());
+    }
 }
 
 void TraceUpdateManager::ThreadProcedure() {
-    TraceOwnThreadStart();
     m_threadId.store(Platform::CurrentThreadId(), std::memory_order_seq_cst);
     m_running.store(true, std::memory_order_seq_cst);
+    // After running is set: the engine waits for a registry set-up that may itself be waiting in
+    // Start for this thread to run.
+    TraceOwnThreadStart();
 
     TraceTimer& timer = TraceTimer::GetInstance();
     while (!IsStopping()) {

@@ -39,6 +39,9 @@ public:
 
     // Starts the thread once per process; nothing once it ran or a stop was requested.
     void Start();
+    // What the process gives the thread at exit.
+    static constexpr unsigned long ExitStopTimeoutMs = 1500;
+
     // Stops the thread once per process: waits up to timeoutMs, then ten more times, then detaches.
     void Stop(unsigned long timeoutMs);
 
@@ -100,6 +103,7 @@ private:
     std::atomic<bool> m_stopping{false};
     // Set once the thread was given up; nobody may wait for it after that.
     std::atomic<bool> m_detached{false};
+    // Set once the thread's own engine is set up (or given up).
 
     // Serialises the first Start with the first Stop.
     std::mutex m_lifecycleMutex;

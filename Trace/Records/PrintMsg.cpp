@@ -1,11 +1,14 @@
 #include "Trace/Records/PrintMsg.h"
 
+#include <cstring>
 #include <iostream>
 #include <string>
 
 #include "Trace/Engine/TraceConfigurationPrivate.h"
 #include "Trace/Records/TraceMessage.h"
+#include "Trace/Registry/TraceRegistry.h"
 #include "Trace/Time/TraceTimer.h"
+#include "paxltrace.h"
 #include "platform/Process.h"
 
 namespace Tracing::Internal {
@@ -33,7 +36,16 @@ void PrintMsg(Severity::Type severity, const TraceMessage& message, bool print) 
         std::ostream& out = problem ? std::cerr : std::cout;
         out << line << std::flush;
     }
-    // The trace through the library's own engine joins once the engine exists.
+    TraceEngine* engine = TraceRegistry::GetEngine();
+    if (engine == nullptr || trace_engine_get_module_id(engine) == 0xFFFFFFFFu ||
+        trace_engine_get_severity(engine) < (severity & 7u))
+        return;
+    // A shallow copy: the write may shorten string parameters, the message is const.
+    ::TraceParameter parameters[TraceMessage::MaxParameters];
+    const uint8_t count = message.GetParameterCount();
+    std::memcpy(parameters, message.GetParameters(), sizeof(::TraceParameter) * count);
+    trace_engine_write(engine, nullptr, 0, severity, message.GetText(), message.GetBinaryTraceID(), count,
+                       parameters);
 }
 
 }  // namespace Tracing::Internal

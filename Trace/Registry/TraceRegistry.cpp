@@ -2,19 +2,23 @@
 
 #include <algorithm>
 #include <cstring>
+#include <optional>
 
 #include "Trace/Diagnostics/TraceDiagnostics.h"
 #include "Trace/Engine/TraceConfigurationPrivate.h"
 #include "Trace/Ipc/TraceProcessData.h"
 #include "Trace/Ipc/TraceSharedMemory.h"
 #include "Trace/Profiles/TraceProfile.h"
+#include "Trace/Profiles/TraceProfileSHMHandler.h"
 #include "Trace/Reading/TraceUpdateManager.h"
 #include "Trace/Records/TraceMessage.h"
 #include "Trace/Registry/ITraceRegistryDataChangedListener.h"
 #include "Trace/Registry/TraceBufferFilterCriteria.h"
 #include "Trace/Registry/TraceReceiverCommandStore.h"
 #include "Trace/Registry/TraceRegistryData.h"
+#include "Trace/Registry/TraceRegistryUpdater.h"
 #include "Trace/Time/TraceTimer.h"
+#include "paxltrace.h"
 #include "platform/CreationGuard.h"
 #include "platform/Process.h"
 #include "platform/Thread.h"
@@ -152,6 +156,7 @@ TraceRegistry& TraceRegistry::GetInstance() {
         TraceConfigurationPrivate::GetInstance();
         TraceUpdateManager::GetInstance();
         TraceTimer::GetInstance();
+        TraceProfileSHMHandler::GetInstance();
         static TraceRegistry registry;
         s_instance.store(&registry, std::memory_order_seq_cst);
         return &registry;
@@ -165,7 +170,14 @@ TraceRegistry::TraceRegistry()
       m_serviceMemory(std::make_unique<TraceSharedMemory>()) {}
 
 TraceRegistry::~TraceRegistry() {
+    // Only at exit. The updater thread may still be making its own engine through this registry,
+    // so it ends first; it is never restarted.
+    TraceUpdateManager::GetInstance().Stop(TraceUpdateManager::ExitStopTimeoutMs);
+    m_updater.reset();
     s_instance.store(nullptr, std::memory_order_seq_cst);
+    // Before the buffers go: these engines point into one of them.
+    TraceDiagnostics::GetInstance().Shutdown();
+    trace_engine_destroy(m_ownEngine.exchange(nullptr, std::memory_order_seq_cst));
     // Timestamps taken after this point must not read the unmapped block.
     TraceTimer::GetInstance().BindReference(nullptr);
     std::lock_guard<std::recursive_mutex> lock(m_mutex);
@@ -208,6 +220,7 @@ void TraceRegistry::InitializeOnce() {
     m_initializingThread.store(std::this_thread::get_id(), std::memory_order_release);
 
     CreateOrAttach();
+    FreeItemsOfEarlierProcess();
 
     TraceTimer::GetInstance().BindReference(m_data);
     uint64_t time = 0;
@@ -217,10 +230,13 @@ void TraceRegistry::InitializeOnce() {
     if (m_data == nullptr || time == TraceTimer::ReferenceNotSet)
         TraceTimer::Synchronize();
 
-    TraceDiagnostics::GetInstance();
+    CreateOwnEngine();
+    TraceDiagnostics::GetInstance().Initialize();
 
     m_initializingThread.store(std::thread::id(), std::memory_order_release);
     m_initialized.store(true, std::memory_order_release);
+    // Only now: the updater thread's first steps come back to GetInstance and must not wait here.
+    CreateUpdater();
 }
 
 void TraceRegistry::CreateOrAttach() {
@@ -423,7 +439,10 @@ bool TraceRegistry::IsUpdateManagerRunning() {
 }
 
 void TraceRegistry::IncChangeCounterForBufferChange() {
-    IncChangeCounter();
+    if (m_updater)
+        m_updater->IncChangeCounter();
+    else
+        IncChangeCounter();
 }
 
 unsigned TraceRegistry::GetUsableItemCount(const TraceRegistryData* data) const {
@@ -726,6 +745,7 @@ TraceRegistry::ErrorType TraceRegistry::UnregisterBuffer(TraceBuffer* buffer) {
             return NotCreatedHere;
     }
     std::unique_ptr<TraceBuffer> removed;
+    std::unique_ptr<TraceBuffer> removedReader;
     int32_t id = -1;
     {
         std::lock_guard<std::recursive_mutex> lock(m_mutex);
@@ -744,6 +764,13 @@ TraceRegistry::ErrorType TraceRegistry::UnregisterBuffer(TraceBuffer* buffer) {
             }
         }
         m_createdBuffers.erase(buffer);
+        // Our own reading copy would keep the memory alive until the next update, and a buffer of
+        // the same name made meanwhile would find it still there.
+        if (const auto it = m_consumerBuffers.find(id);
+            it != m_consumerBuffers.end() && !it->second->HasInterest()) {
+            removedReader = std::move(it->second);
+            m_consumerBuffers.erase(it);
+        }
         // A buffer that is gone again must not be announced as new.
         m_buffersToAnnounce.erase(id);
         {
@@ -758,6 +785,7 @@ TraceRegistry::ErrorType TraceRegistry::UnregisterBuffer(TraceBuffer* buffer) {
     FireBuffersDeleted({id});
     if (BufferReportsWanted())
         ReportBuffer(Severity::Verbose, TraceMessage("Buffer deleted successfully: BufferID: %1.").Add(id));
+    removedReader.reset();
     removed.reset();
     return Done;
 }
@@ -918,59 +946,415 @@ void TraceRegistry::RegisterDataChangedListener(ITraceRegistryDataChangedListene
 }
 
 void TraceRegistry::UnregisterDataChangedListener(ITraceRegistryDataChangedListener* listener) {
-    std::lock_guard<std::recursive_mutex> lock(m_mutex);
-    const auto it = std::find(m_dataChangedListeners.begin(), m_dataChangedListeners.end(), listener);
-    if (it == m_dataChangedListeners.end()) {
-        // No final full stop: the text is matched as it always was.
+    {
+        std::lock_guard<std::recursive_mutex> lock(m_mutex);
+        const auto it = std::find(m_dataChangedListeners.begin(), m_dataChangedListeners.end(), listener);
+        if (it == m_dataChangedListeners.end()) {
+            // No final full stop: the text is matched as it always was.
+            if (BufferReportsWanted()) {
+                ReportBuffer(Severity::Verbose,
+                             TraceMessage("Couldn't unregister ITraceRegistryDataChangedListener "
+                                          "(0x%1:x). Not registered")
+                                 .Add(AddressOf(listener)));
+            }
+            return;
+        }
+        m_dataChangedListeners.erase(it);
         if (BufferReportsWanted()) {
             ReportBuffer(Severity::Verbose,
-                         TraceMessage("Couldn't unregister ITraceRegistryDataChangedListener "
-                                      "(0x%1:x). Not registered")
+                         TraceMessage("ITraceRegistryDataChangedListener (0x%1:x) unregistered.")
                              .Add(AddressOf(listener)));
         }
-        return;
     }
-    m_dataChangedListeners.erase(it);
-    if (BufferReportsWanted()) {
-        ReportBuffer(Severity::Verbose,
-                     TraceMessage("ITraceRegistryDataChangedListener (0x%1:x) unregistered.")
-                         .Add(AddressOf(listener)));
+    // Its owner may destroy it once we return. A call on this very thread is the caller's own.
+    const std::thread::id self = std::this_thread::get_id();
+    std::unique_lock<std::mutex> calls(m_listenerCallMutex);
+    m_listenerCallDone.wait(calls, [&] {
+        return std::none_of(m_listenerCalls.begin(), m_listenerCalls.end(),
+                            [&](const auto& call) { return call.first == listener && call.second != self; });
+    });
+}
+
+template <typename Call>
+void TraceRegistry::FireToListeners(const char* what, size_t count, Call call) {
+    std::vector<ITraceRegistryDataChangedListener*> listeners;
+    {
+        std::lock_guard<std::recursive_mutex> lock(m_mutex);
+        listeners = m_dataChangedListeners;
+    }
+    // Without the mutex: a listener may (un)register listeners or use the registry.
+    const std::thread::id self = std::this_thread::get_id();
+    for (ITraceRegistryDataChangedListener* listener : listeners) {
+        {
+            std::lock_guard<std::recursive_mutex> lock(m_mutex);
+            if (std::find(m_dataChangedListeners.begin(), m_dataChangedListeners.end(), listener) ==
+                m_dataChangedListeners.end())
+                continue;
+            std::lock_guard<std::mutex> calls(m_listenerCallMutex);
+            m_listenerCalls.emplace_back(listener, self);
+        }
+        if (BufferReportsWanted()) {
+            ReportBuffer(Severity::Call,
+                         TraceMessage("ITraceRegistryDataChangedListener (0x%1:x) called. %2, %3 buffers.")
+                             .Add(AddressOf(listener))
+                             .Add(what)
+                             .Add(static_cast<uint64_t>(count)));
+        }
+        try {
+            call(*listener);
+        } catch (...) {
+            // Someone else's fault; the other listeners still hear of it.
+            TraceDiagnostics::GetInstance().Warning(
+                TraceMessage("ITraceRegistryDataChangedListener (0x%1:x) threw.").Add(AddressOf(listener)));
+        }
+        {
+            std::lock_guard<std::mutex> calls(m_listenerCallMutex);
+            m_listenerCalls.erase(
+                std::find(m_listenerCalls.begin(), m_listenerCalls.end(), std::make_pair(listener, self)));
+        }
+        m_listenerCallDone.notify_all();
     }
 }
 
 void TraceRegistry::FireBuffersCreated(const std::unordered_set<int>& bufferIDs) {
-    std::vector<ITraceRegistryDataChangedListener*> listeners;
-    {
-        std::lock_guard<std::recursive_mutex> lock(m_mutex);
-        listeners = m_dataChangedListeners;
-    }
-    // Called on a copy without the mutex: a listener may (un)register listeners or use the registry.
-    for (ITraceRegistryDataChangedListener* listener : listeners) {
-        if (BufferReportsWanted()) {
-            ReportBuffer(Severity::Call, TraceMessage("ITraceRegistryDataChangedListener (0x%1:x) called. "
-                                                      "OnBuffersCreated, %2 buffers.")
-                                             .Add(AddressOf(listener))
-                                             .Add(static_cast<uint64_t>(bufferIDs.size())));
-        }
-        listener->OnBuffersCreated(bufferIDs);
-    }
+    FireToListeners("OnBuffersCreated", bufferIDs.size(), [&](ITraceRegistryDataChangedListener& listener) {
+        listener.OnBuffersCreated(bufferIDs);
+    });
 }
 
 void TraceRegistry::FireBuffersDeleted(const std::unordered_set<int>& bufferIDs) {
-    std::vector<ITraceRegistryDataChangedListener*> listeners;
+    FireToListeners("OnBuffersDeleted", bufferIDs.size(), [&](ITraceRegistryDataChangedListener& listener) {
+        listener.OnBuffersDeleted(bufferIDs);
+    });
+}
+
+// ---------------------------------------------------------------------------------------------
+// Registry update and dead-process cleanup
+
+namespace {
+
+constexpr const char* DeadBuffersHeader = "Trace buffer(s) of not running application(s) detected!";
+
+void AddReportLine(std::string& report, const TraceMessage& line) {
+    if (!report.empty())
+        report += '\n';
+    report += line.Format();
+}
+
+}  // namespace
+
+void TraceRegistry::CreateUpdater() {
+    if (m_data == nullptr)
+        return;
+    // Made outside the mutex: starting the thread waits for its first steps, which may register
+    // the thread's own engine.
+    auto updater = std::make_unique<TraceRegistryUpdater>(*this);
+    std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    m_updater = std::move(updater);
+}
+
+void TraceRegistry::IncServiceChangeCounterForBufferChange() {
+    if (m_updater)
+        m_updater->IncServiceChangeCounter();
+    else
+        IncServiceChangeCounter();
+}
+
+TraceRegistryData* TraceRegistry::BlockOf(int32_t bufferID) const {
+    return TraceBuffer::IsServiceID(bufferID) && m_serviceData != nullptr ? m_serviceData : m_data;
+}
+
+void TraceRegistry::ReadKnownItems() {
+    m_knownItems.clear();
+    for (TraceRegistryData* block : {m_data, m_serviceData}) {
+        if (block == nullptr)
+            continue;
+        const TraceRegistryDataItem* items = block->GetBufferArray();
+        for (unsigned i = 0, n = GetUsableItemCount(block); i < n; ++i) {
+            const TraceRegistryDataItem& item = items[i];
+            if (item.IsActivated())
+                m_knownItems.try_emplace(
+                    item.GetBufferID(),
+                    KnownItem{item.GetProcessID(), item.GetHostName(), item.GetSubSystemName()});
+        }
+    }
+}
+
+void TraceRegistry::FreeItemsOfEarlierProcess() {
+    const int64_t pid = Platform::CurrentProcessId();
+    std::vector<int32_t> leftovers;
     {
         std::lock_guard<std::recursive_mutex> lock(m_mutex);
-        listeners = m_dataChangedListeners;
-    }
-    for (ITraceRegistryDataChangedListener* listener : listeners) {
-        if (BufferReportsWanted()) {
-            ReportBuffer(Severity::Call, TraceMessage("ITraceRegistryDataChangedListener (0x%1:x) called. "
-                                                      "OnBuffersDeleted, %2 buffers.")
-                                             .Add(AddressOf(listener))
-                                             .Add(static_cast<uint64_t>(bufferIDs.size())));
+        if (m_data == nullptr)
+            return;
+        for (TraceRegistryData* block : {m_serviceData, m_data}) {
+            if (block == nullptr)
+                continue;
+            const size_t before = leftovers.size();
+            {
+                BlockLock blockLock(*block);
+                const TraceRegistryDataItem* items = block->GetBufferArray();
+                for (unsigned i = 0, n = GetUsableItemCount(block); i < n; ++i) {
+                    if (items[i].IsActivated() && items[i].GetProcessID() == pid)
+                        leftovers.push_back(items[i].GetBufferID());
+                }
+            }
+            if (leftovers.size() == before)
+                continue;
+            if (block == m_serviceData)
+                IncServiceChangeCounterForBufferChange();
+            else
+                IncChangeCounterForBufferChange();
         }
-        listener->OnBuffersDeleted(bufferIDs);
     }
+    if (leftovers.empty())
+        return;
+    // Consumers get two cycles to let go of the buffers before their items are freed.
+    Platform::SleepMs(2 * TraceUpdateManager::GetThreadSleepValue());
+
+    std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    bool local = false;
+    bool service = false;
+    for (const int32_t id : leftovers) {
+        TraceRegistryData* block = BlockOf(id);
+        bool freed = false;
+        {
+            BlockLock blockLock(*block);
+            // Only while it still belongs to the earlier process: this one may have registered since.
+            for (unsigned i = 0, n = GetUsableItemCount(block); i < n && !freed; ++i) {
+                TraceRegistryDataItem& item = block->GetBufferArray()[i];
+                if (item.GetBufferID() == id && item.GetProcessID() == pid &&
+                    m_producerBuffers.count(id) == 0) {
+                    item.Deactivate();
+                    freed = true;
+                }
+            }
+        }
+        if (!freed)
+            continue;
+        (block == m_serviceData ? service : local) = true;
+        if (BufferReportsWanted())
+            ReportBuffer(Severity::Verbose,
+                         TraceMessage("Buffer unregistered successfully: BufferID: %1.").Add(id));
+    }
+    // Again, now that the items are gone: a consumer that polled during the wait saw no change.
+    if (service)
+        IncServiceChangeCounterForBufferChange();
+    if (local)
+        IncChangeCounterForBufferChange();
+}
+
+void TraceRegistry::Update() {
+    std::unordered_set<int> created;
+    std::unordered_set<int> deleted;
+    std::vector<std::unique_ptr<TraceBuffer>> removed;
+    {
+        std::lock_guard<std::recursive_mutex> lock(m_mutex);
+        if (m_data == nullptr)
+            return;
+        const uint32_t updateWasNeeded = m_updateNeeded.exchange(0, std::memory_order_seq_cst);
+        std::string deadReport;
+        bool kept = false;
+        {
+            // Service block before local block, released in reverse.
+            std::optional<BlockLock> serviceLock;
+            if (m_serviceData != nullptr)
+                serviceLock.emplace(*m_serviceData);
+            BlockLock localLock(*m_data);
+
+            ReadKnownItems();
+            std::vector<int32_t> freedIDs;
+            for (const auto& [id, item] : m_knownItems) {
+                if (m_consumerBuffers.count(id) != 0)
+                    continue;
+                if (BufferReportsWanted())
+                    ReportBuffer(Severity::Verbose,
+                                 TraceMessage("New trace buffer detected. BufferID: %1.").Add(id));
+                if (AttachConsumerBuffer(id, item.processID, item.hostName.c_str(),
+                                         item.subSystemName.c_str()) != nullptr) {
+                    created.insert(id);
+                    continue;
+                }
+                // A buffer that cannot be attached because its local creator died is never coming back.
+                if (!TraceBuffer::IsLocal(item.hostName.c_str()) || IsProcessAlive(item.processID))
+                    continue;
+                TraceRegistryData* block = BlockOf(id);
+                AddReportLine(deadReport, TraceMessage("    BufferID: %1, PID: %2, host: '%3', subsys: '%4'.")
+                                              .Add(id)
+                                              .Add(item.processID)
+                                              .Add(item.hostName)
+                                              .Add(item.subSystemName));
+                block->DeactivateItem(id);
+                if (block == m_serviceData)
+                    IncServiceChangeCounterForBufferChange();
+                else
+                    IncChangeCounterForBufferChange();
+                if (BufferReportsWanted())
+                    ReportBuffer(Severity::Verbose,
+                                 TraceMessage("Buffer unregistered successfully: BufferID: %1.").Add(id));
+                freedIDs.push_back(id);
+            }
+            for (const int32_t id : freedIDs)
+                m_knownItems.erase(id);
+
+            for (auto it = m_consumerBuffers.begin(); it != m_consumerBuffers.end();) {
+                const TraceBuffer& buffer = *it->second;
+                if (m_knownItems.count(it->first) != 0) {
+                    ++it;
+                    continue;
+                }
+                const bool keep = buffer.HasInterest();
+                if (BufferReportsWanted()) {
+                    ReportBuffer(
+                        Severity::Verbose,
+                        TraceMessage(keep ? "Trace buffer kept because of outstanding Trace Number "
+                                            "message. BufferID: %1, PID: %2, host: '%3', subsys: '%4'."
+                                          : "Trace buffer removed. BufferID: %1, PID: %2, host: '%3', "
+                                            "subsys: '%4'.")
+                            .Add(it->first)
+                            .Add(buffer.GetProcessID())
+                            .Add(buffer.GetHostName())
+                            .Add(buffer.GetSubSystemName()));
+                }
+                if (keep) {
+                    kept = true;
+                    ++it;
+                    continue;
+                }
+                deleted.insert(it->first);
+                removed.push_back(std::move(it->second));
+                it = m_consumerBuffers.erase(it);
+            }
+
+            // Registered here while the updater ran; the set keeps any ID from being announced twice.
+            created.insert(m_buffersToAnnounce.begin(), m_buffersToAnnounce.end());
+            m_buffersToAnnounce.clear();
+
+            const uint32_t local = GetChangeCounter();
+            const uint32_t service =
+                m_serviceData != nullptr
+                    ? m_serviceData->GetAtomicChangeCounter().load(std::memory_order_seq_cst)
+                    : 0;
+            if (updateWasNeeded == 0 && created.empty() && deleted.empty() && deadReport.empty() && !kept &&
+                (local != m_updateChangeCounter || service != m_updateServiceChangeCounter)) {
+                TraceDiagnostics::GetInstance().Warning(
+                    TraceMessage("Traces could be lost because the change counter in the Trace Registry was "
+                                 "increased but there were no changes detected in the SHM!"));
+            }
+            m_updateChangeCounter = local;
+            m_updateServiceChangeCounter = service;
+
+            if (!deadReport.empty())
+                TraceThroughOwnEngine(std::string(DeadBuffersHeader) + "\n" + deadReport);
+        }
+        // Nothing else moves the counters when the interest goes: look again next cycle.
+        if (kept)
+            m_updateNeeded.exchange(1, std::memory_order_seq_cst);
+    }
+
+    if (!created.empty())
+        FireBuffersCreated(created);
+    if (!deleted.empty())
+        FireBuffersDeleted(deleted);
+    for (std::unique_ptr<TraceBuffer>& buffer : removed) {
+        if (BufferReportsWanted()) {
+            ReportBuffer(
+                Severity::Verbose,
+                TraceMessage("Trace buffer deleted. BufferID: %1, PID: %2, host: '%3', subsys: '%4'.")
+                    .Add(buffer->GetBufferID())
+                    .Add(buffer->GetProcessID())
+                    .Add(buffer->GetHostName())
+                    .Add(buffer->GetSubSystemName()));
+        }
+        buffer.reset();
+    }
+}
+
+void TraceRegistry::CheckProcesses(bool fullCheck) {
+    std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    if (m_data == nullptr)
+        return;
+    std::string report;
+    std::vector<int32_t> dead;
+    int64_t previousCreator = 0;
+    bool previousAlive = true;
+    bool first = true;
+    const auto alive = [&](int64_t creator) {
+        // Buffers of one process usually sit side by side: ask once per run of them.
+        if (first || creator != previousCreator) {
+            previousAlive = IsProcessAlive(creator, fullCheck);
+            previousCreator = creator;
+            first = false;
+        }
+        return previousAlive;
+    };
+    for (const auto& [id, item] : m_knownItems) {
+        if (const auto it = m_consumerBuffers.find(id); it != m_consumerBuffers.end()) {
+            const TraceBuffer& buffer = *it->second;
+            const int64_t creator = buffer.GetCreatorProcessID();
+            if (alive(creator))
+                continue;
+            AddReportLine(report, TraceMessage("    BufferID: %1, Creator PID: %2, host: '%3', subsys: '%4'.")
+                                      .Add(buffer.GetBufferID())
+                                      .Add(creator)
+                                      .Add(buffer.GetHostName())
+                                      .Add(buffer.GetSubSystemName()));
+        } else {
+            // The process of another host's item cannot be asked here.
+            if (!TraceBuffer::IsLocal(item.hostName.c_str()) || alive(item.processID))
+                continue;
+            if (item.processID == 0) {
+                AddReportLine(report, TraceMessage("    BufferID: %1.").Add(id));
+            } else {
+                // The blanks before the colons are part of the text.
+                AddReportLine(report, TraceMessage("    BufferID: %1, PID : %2, host : '%3', subsys : '%4'.")
+                                          .Add(id)
+                                          .Add(item.processID)
+                                          .Add(item.hostName)
+                                          .Add(item.subSystemName));
+            }
+        }
+        dead.push_back(id);
+    }
+    if (dead.empty())
+        return;
+    TraceThroughOwnEngine(std::string(DeadBuffersHeader) + "\n" + report);
+
+    bool local = false;
+    bool service = false;
+    for (const int32_t id : dead)
+        (BlockOf(id) == m_serviceData ? service : local) = true;
+    {
+        // Service block before local block, whatever order the IDs come in.
+        std::optional<BlockLock> serviceLock;
+        std::optional<BlockLock> localLock;
+        if (service)
+            serviceLock.emplace(*m_serviceData);
+        if (local)
+            localLock.emplace(*m_data);
+        for (const int32_t id : dead) {
+            BlockOf(id)->DeactivateItem(id);
+            m_knownItems.erase(id);
+            if (BufferReportsWanted())
+                ReportBuffer(Severity::Verbose,
+                             TraceMessage("Buffer unregistered successfully: BufferID: %1.").Add(id));
+        }
+    }
+    // Without this the consumers (this one included) would keep the buffers until the next change.
+    if (service)
+        IncServiceChangeCounterForBufferChange();
+    if (local)
+        IncChangeCounterForBufferChange();
+}
+
+void TraceRegistry::TraceThroughOwnEngine(const std::string& text) {
+    TraceEngine* engine = GetEngine();
+    if (engine == nullptr || (trace_engine_get_severity(engine) & 0x7u) < Severity::Info)
+        return;
+    ::TraceParameter parameter;
+    trace_param_init(&parameter, TRACE_PARAM_STRING, text.c_str());
+    trace_engine_write(engine, nullptr, 0, Severity::Info, "%1", 0, 1, &parameter);
+    trace_param_clear(&parameter, 1);
 }
 
 void TraceRegistry::UpdateNamesOfAllCreatedBuffers() {
@@ -1014,6 +1398,24 @@ void TraceRegistry::GetGlobalTraceProfile(TraceProfile& profile) {
     std::lock_guard<std::recursive_mutex> lock(m_mutex);
     for (const auto& [id, buffer] : m_consumerBuffers)
         buffer->AddToProfile(profile);
+}
+
+// --- the library's own engine
+
+void TraceRegistry::CreateOwnEngine() {
+    if (m_ownEngine.load(std::memory_order_seq_cst) != nullptr)
+        return;
+    // Runs on the initialising thread; the buffer registration below re-enters GetInstance, which
+    // hands back the registry as far as it is set up.
+    TraceEngine* engine = nullptr;
+    const int result = trace_engine_create("Core", "General", 90, 0, false, &engine, nullptr);
+    if (result == TRACE_ENGINE_OK || result == TRACE_ENGINE_TEXT_TOO_LONG)
+        m_ownEngine.store(engine, std::memory_order_seq_cst);
+}
+
+TraceEngine* TraceRegistry::GetEngine() {
+    TraceRegistry* registry = s_instance.load(std::memory_order_seq_cst);
+    return registry != nullptr ? registry->m_ownEngine.load(std::memory_order_seq_cst) : nullptr;
 }
 
 }  // namespace Tracing

@@ -13,6 +13,7 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -21,12 +22,15 @@
 #include <string>
 #include <thread>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include "Trace/Buffer/SHMErrorCodes.h"
 #include "Trace/Buffer/TraceBuffer.h"
 #include "Trace/Buffer/TraceBufferInfo.h"
 #include "Trace/Time/TimestampMode.h"
+
+struct TraceEngine;
 
 namespace Tracing {
 
@@ -35,6 +39,7 @@ class TraceBufferFilterCriteria;
 class TraceProfile;
 class TraceRegistryData;
 class TraceReceiverCommandStore;
+class TraceRegistryUpdater;
 class TraceSharedMemory;
 
 class TraceRegistry {
@@ -100,6 +105,12 @@ public:
     // the local registry has turned out to be the global one.
     void TryAttachServiceRegistry();
 
+    // Registry update: compares the registry blocks with the consumer map, attaches new buffers,
+    // drops vanished ones and tells the data-changed listeners after every lock is released.
+    void Update();
+    // Frees the items of buffers whose creating process has died; the flag goes to IsProcessAlive.
+    void CheckProcesses(bool fullCheck);
+
     // The result of creating or attaching the local block; NotInitialized when it never became ready.
     SHMErrorCodes::Values GetCreationErrorCode() const { return m_creationErrorCode; }
 
@@ -143,11 +154,17 @@ public:
     // The second argument is not used.
     static bool IsProcessAlive(int64_t pid, bool unused = false);
 
+    // The library's own engine ("Core"/"General"); null before the registry is set up and after it
+    // is gone. Never creates the registry.
+    static TraceEngine* GetEngine();
+
     TraceRegistry(const TraceRegistry&) = delete;
     TraceRegistry& operator=(const TraceRegistry&) = delete;
 
 private:
     friend class TraceRegistryTestAccess;
+    // Takes m_mutex before its own mutex.
+    friend class TraceRegistryUpdater;
 
     // FNV-1a 64 over the bytes of the object's address.
     struct BufferAddressHash {
@@ -208,6 +225,10 @@ private:
 
     void FireBuffersCreated(const std::unordered_set<int>& bufferIDs);
     void FireBuffersDeleted(const std::unordered_set<int>& bufferIDs);
+    // Calls every registered listener without the mutex; one that is unregistered meanwhile is
+    // skipped, and its unregistration waits for a call already under way.
+    template <typename Call>
+    void FireToListeners(const char* what, size_t count, Call call);
 
     // The items within the mapping, whatever the block's header claims; 0 without the block.
     unsigned GetUsableItemCount(const TraceRegistryData* data) const;
@@ -215,6 +236,18 @@ private:
     void IncChangeCounterForBufferChange();
     // The only place that asks whether the updater thread polls the registry.
     static bool IsUpdateManagerRunning();
+
+    // Registry update helpers.
+    void CreateUpdater();
+    void IncServiceChangeCounterForBufferChange();
+    // Frees the items that an earlier process with this process's ID left behind.
+    void FreeItemsOfEarlierProcess();
+    // Rebuilds m_knownItems from the blocks (their locks held).
+    void ReadKnownItems();
+    // The block holding the item of this ID.
+    TraceRegistryData* BlockOf(int32_t bufferID) const;
+    // The dead-buffer report as one trace of the library's own engine, when it admits Info.
+    void TraceThroughOwnEngine(const std::string& text);
 
     std::unique_ptr<TraceSharedMemory> m_registryMemory;
     SHMErrorCodes::Values m_creationErrorCode = static_cast<SHMErrorCodes::Values>(1);
@@ -243,6 +276,25 @@ private:
     // The block's change counter at the last producer synchronisation.
     uint32_t m_synchronizedChangeCounter = 0;
     std::vector<ITraceRegistryDataChangedListener*> m_dataChangedListeners;
+    // Listener calls under way, with their threads.
+    std::mutex m_listenerCallMutex;
+    std::condition_variable m_listenerCallDone;
+    std::vector<std::pair<ITraceRegistryDataChangedListener*, std::thread::id>> m_listenerCalls;
+
+    // Registry update state (guarded by m_mutex).
+    // What the registry update last saw of one registry item.
+    struct KnownItem {
+        int64_t processID;
+        std::string hostName;
+        std::string subSystemName;
+    };
+    // The activated items of both blocks at the last update, by buffer ID.
+    std::map<int32_t, KnownItem> m_knownItems;
+    // The change counters as the last update left them.
+    uint32_t m_updateChangeCounter = 0;
+    uint32_t m_updateServiceChangeCounter = 0;
+    // Made at the end of the set-up (with a block only); removed first in the destructor.
+    std::unique_ptr<TraceRegistryUpdater> m_updater;
 
     // Set once the singleton exists, so that a name change can tell without creating it.
     static std::atomic<TraceRegistry*> s_instance;
@@ -251,6 +303,10 @@ private:
     std::mutex m_initializeMutex;
     std::atomic<bool> m_initialized{false};
     std::atomic<std::thread::id> m_initializingThread{};
+
+    // The library's own engine, made once during the set-up and freed with the registry.
+    std::atomic<TraceEngine*> m_ownEngine{nullptr};
+    void CreateOwnEngine();
 };
 
 }  // namespace Tracing

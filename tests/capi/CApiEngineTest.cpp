@@ -1,0 +1,340 @@
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Trace/Buffer/TraceBuffer.h"
+#include "Trace/Buffer/TraceReaderInfo.h"
+#include "Trace/Records/PrintMsg.h"
+#include "Trace/Records/Trace.h"
+#include "Trace/Records/TraceMessage.h"
+#include "Trace/Registry/TraceRegistry.h"
+#include "paxltrace.h"
+#include "tests/support/TestSupport.h"
+
+using namespace Tracing;
+
+namespace {
+
+TraceBuffer* BufferOf(TraceEngine* engine) {
+    return TraceRegistry::GetInstance().GetProducerBuffer(
+        static_cast<int32_t>(trace_engine_get_buffer_id(engine)));
+}
+
+std::vector<std::unique_ptr<Trace>> ReadAll(TraceBuffer& buffer) {
+    TraceReaderInfo cursor;
+    cursor.AttachBuffer = true;
+    std::vector<std::unique_ptr<Trace>> traces;
+    bool overflow = false;
+    if (buffer.ConnectReader(cursor, 0) == TraceStream::Ok)
+        buffer.Read(cursor, traces, overflow, 0);
+    return traces;
+}
+
+struct EngineDeleter {
+    void operator()(TraceEngine* engine) const { trace_engine_destroy(engine); }
+};
+using Engine = std::unique_ptr<TraceEngine, EngineDeleter>;
+
+Engine Create(const char* buffer, const char* module, unsigned moduleCount = 0, int expected = 0) {
+    TraceEngine* engine = nullptr;
+    EXPECT_EQ(trace_engine_create(buffer, module, moduleCount, 0, true, &engine, nullptr), expected)
+        << buffer << "." << module;
+    return Engine(engine);
+}
+
+}  // namespace
+
+TEST(CApiEngine, CreationFailuresAndTheirWarning) {
+    TraceEngine* untouched = reinterpret_cast<TraceEngine*>(0x1);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(trace_engine_create("Buf", "", 0, 0, true, &untouched, nullptr), 8);
+    EXPECT_EQ(trace_engine_create(nullptr, "Mod", 0, 0, false, &untouched, nullptr), 8);
+    EXPECT_EQ(trace_engine_create("Buf", "Mod", 0, 0, true, nullptr, nullptr), 8);
+    const std::string printed = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(untouched, reinterpret_cast<TraceEngine*>(0x1));
+    // Two warnings; the call without printWarning stays silent.
+    EXPECT_NE(printed.find("WARNING: Could not create the trace engine 'Buf', '' for '"), std::string::npos);
+    EXPECT_NE(printed.find("WARNING: Could not create the trace engine 'Buf', 'Mod' for '"),
+              std::string::npos);
+    EXPECT_NE(printed.find("'! Error code 8: Invalid arguments."), std::string::npos);
+    EXPECT_EQ(printed.find("'<NULL>', 'Mod'"), std::string::npos);
+
+    // The 21st module of a buffer made for 20; a name already present still shares its slot.
+    std::vector<Engine> engines;
+    unsigned* firstWord = nullptr;
+    TraceEngine* first = nullptr;
+    ASSERT_EQ(trace_engine_create("Small", "M0", 20, 0, false, &first, &firstWord), 0);
+    engines.emplace_back(first);
+    for (int i = 1; i < 20; ++i)
+        engines.push_back(Create("Small", ("M" + std::to_string(i)).c_str(), 20));
+    TraceEngine* extra = nullptr;
+    EXPECT_EQ(trace_engine_create("Small", "M20", 20, 0, false, &extra, nullptr), 7);
+    EXPECT_EQ(extra, nullptr);
+    unsigned* sharedWord = nullptr;
+    TraceEngine* again = nullptr;
+    ASSERT_EQ(trace_engine_create("Small", "M0", 20, 0, false, &again, &sharedWord), 0);
+    Engine owned(again);
+    EXPECT_EQ(sharedWord, firstWord);
+    EXPECT_EQ(trace_engine_get_module_id(again), trace_engine_get_module_id(first));
+    trace_engine_set_severity(first, 6);
+    EXPECT_EQ(trace_engine_get_severity(again), 6u);
+    EXPECT_EQ(*sharedWord & 7u, 6u);
+
+    for (unsigned code = 0; code <= 9; ++code)
+        EXPECT_NE(std::string(trace_engine_error_text(code)), "") << code;
+    EXPECT_STREQ(trace_engine_error_text(7), "Maximum number of modules reached");
+    EXPECT_STREQ(trace_engine_error_text(9), "Unknown error code");
+}
+
+TEST(CApiEngine, TruncatedNamesGiveCode6AndAWorkingEngine) {
+    const std::string longName(40, 'b');
+    testing::internal::CaptureStderr();
+    TraceEngine* engine = nullptr;
+    ASSERT_EQ(trace_engine_create(longName.c_str(), "Mod", 0, 0, true, &engine, nullptr), 6);
+    Engine owned(engine);
+    EXPECT_EQ(BufferOf(engine)->GetSubSystemName(), longName.substr(0, 32));
+    // A name cut in the module slot is reported the same way.
+    const std::string longModule(33, 'm');
+    TraceEngine* second = nullptr;
+    ASSERT_EQ(trace_engine_create("Buf", longModule.c_str(), 0, 0, true, &second, nullptr), 6);
+    Engine ownedSecond(second);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(trace_engine_write(second, nullptr, 0, 4, "still works", 0, 0, nullptr), 0);
+    EXPECT_EQ(ReadAll(*BufferOf(second)).size(), 1u);
+}
+
+TEST(CApiEngine, NullEngineGivesNeutralValues) {
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(trace_engine_register_flag(nullptr, "F", true), 0);
+    EXPECT_EQ(trace_engine_register_flag_checked(nullptr, nullptr, true), 0);
+    EXPECT_NE(testing::internal::GetCapturedStderr().find(
+                  "WARNING: Could not register the trace flag '<NULL>', trace engine not initialized!"),
+              std::string::npos);
+    EXPECT_FALSE(trace_engine_set_flag(nullptr, 4, true));
+    EXPECT_FALSE(trace_engine_get_flag(nullptr, 4));
+    trace_engine_set_severity(nullptr, 3);
+    EXPECT_EQ(trace_engine_get_severity(nullptr), 0u);
+    trace_engine_set_location(nullptr, true);
+    EXPECT_FALSE(trace_engine_get_location(nullptr));
+    EXPECT_EQ(trace_engine_get_buffer_id(nullptr), 0xFFFFFFFFu);
+    EXPECT_EQ(trace_engine_get_module_id(nullptr), 0xFFFFFFFFu);
+    EXPECT_EQ(trace_engine_write(nullptr, "f.c", 1, 4, "x", 0, 0, nullptr), 4);
+    trace_engine_destroy(nullptr);
+}
+
+TEST(CApiEngine, FlagsAndSeverityInTheFilterWord) {
+    unsigned* word = nullptr;
+    TraceEngine* engine = nullptr;
+    ASSERT_EQ(trace_engine_create("Buf", "Mod", 0, 3, false, &engine, &word), 0);
+    Engine owned(engine);
+    EXPECT_EQ(*word, 3u);
+    const unsigned char io = trace_engine_register_flag(engine, "IO", true);
+    const unsigned char net = trace_engine_register_flag(engine, "Net", false);
+    EXPECT_EQ(io, 4);
+    EXPECT_EQ(net, 5);
+    EXPECT_EQ(trace_engine_register_flag(engine, "IO", false), io);
+    EXPECT_EQ(trace_engine_register_flag(engine, "", true), 0);
+    EXPECT_TRUE(trace_engine_get_flag(engine, io));
+    EXPECT_FALSE(trace_engine_get_flag(engine, net));
+    EXPECT_TRUE(trace_engine_set_flag(engine, net, true));
+    EXPECT_TRUE(trace_engine_get_flag(engine, net));
+    EXPECT_EQ(*word, 3u | 1u << io | 1u << net);
+    // Unregistered and out-of-range bits are refused; severity bits never read as flags.
+    EXPECT_FALSE(trace_engine_set_flag(engine, 6, true));
+    EXPECT_FALSE(trace_engine_set_flag(engine, 4 + 256, true));
+    EXPECT_FALSE(trace_engine_get_flag(engine, 2));
+    EXPECT_FALSE(trace_engine_get_flag(engine, 1));
+    EXPECT_TRUE(trace_engine_get_flag(engine, static_cast<unsigned char>(io + 32)));
+
+    trace_engine_set_severity(engine, 6);
+    EXPECT_EQ(trace_engine_get_severity(engine), 6u);
+    EXPECT_EQ(*word, 6u | 1u << io | 1u << net);
+    // No range check: 0x40 + 7 lands on flag bit 6 as well.
+    trace_engine_set_severity(engine, 0x47);
+    EXPECT_EQ(trace_engine_get_severity(engine), 7u);
+    EXPECT_EQ(*word, 0x47u | 1u << io | 1u << net);
+
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(trace_engine_register_flag_checked(engine, "", true), 0);
+    EXPECT_NE(testing::internal::GetCapturedStderr().find(
+                  "WARNING: Could not register the trace flag '' in trace engine 'Buf' 'Mod'!"),
+              std::string::npos);
+}
+
+TEST(CApiEngine, WrittenTracesReadBackFromTheBuffer) {
+    TraceEngine* engine = nullptr;
+    ASSERT_EQ(trace_engine_create("Buf", "Mod", 0, 0, false, &engine, nullptr), 0);
+    Engine owned(engine);
+    trace_engine_set_location(engine, true);
+    ::TraceParameter params[2];
+    const int a = -7;
+    trace_param_init(&params[0], TRACE_PARAM_INT32, &a);
+    trace_param_init(&params[1], TRACE_PARAM_STRING, "two");
+    EXPECT_EQ(trace_engine_write(engine, "a.c", 12, (1u << 4) | 5u, "value %1 of %2", 0, 2, params), 0);
+    trace_engine_set_location(engine, false);
+    EXPECT_EQ(trace_engine_write(engine, "b.c", 34, 2, "no location", 0, 0, nullptr), 0);
+    EXPECT_EQ(trace_engine_write(engine, "c.c", 56, 4, nullptr, 0x1122334455667788ull, 1, params), 0);
+    trace_param_clear(params, 2);
+
+    const auto traces = ReadAll(*BufferOf(engine));
+    ASSERT_EQ(traces.size(), 3u);
+    const Trace& text = *traces[0];
+    EXPECT_EQ(text.GetModuleID(), static_cast<int>(trace_engine_get_module_id(engine)));
+    EXPECT_EQ(text.GetBufferID(), static_cast<int>(trace_engine_get_buffer_id(engine)));
+    EXPECT_EQ(text.GetSeverityMask(), (1u << 4) | 5u);
+    EXPECT_EQ(text.GetFormattedMessage(), "value -7 of two");
+    EXPECT_EQ(text.GetFileName(), "a.c");
+    EXPECT_EQ(text.GetLineNumber(), 12u);
+    EXPECT_EQ(text.GetThreadID(), trace_current_thread_id());
+    EXPECT_EQ(traces[1]->GetMessageString(), "no location");
+    EXPECT_EQ(traces[1]->GetFileName(), "");
+    EXPECT_EQ(traces[1]->GetLineNumber(), 0u);
+    EXPECT_EQ(traces[2]->GetType(), Trace::Binary);
+    EXPECT_EQ(traces[2]->GetBinaryTraceID(), 0x1122334455667788ull);
+    EXPECT_EQ(traces[2]->GetFileName(), "");
+}
+
+TEST(CApiEngine, SeverityTextsAndTimestampText) {
+    EXPECT_EQ(trace_severity_from_string("Info"), 4u);
+    EXPECT_EQ(trace_severity_from_string("info"), 0u);
+    EXPECT_EQ(trace_severity_from_string(nullptr), 0u);
+    EXPECT_EQ(trace_severity_from_string("Call"), 7u);
+    EXPECT_STREQ(trace_severity_to_string(8), "invalid severity");
+    EXPECT_STREQ(trace_severity_to_string(3), "Warning");
+    char* sequence = trace_timer_format(12345, 1);
+    ASSERT_NE(sequence, nullptr);
+    EXPECT_STREQ(sequence, "12345");
+    trace_free(sequence);
+}
+
+// The library's own engines and the console printer's trace through them.
+TEST(CApiEngine, OwnEnginesAndPrintMsg) {
+    TraceRegistry::GetInstance();
+    TraceEngine* own = TraceRegistry::GetEngine();
+    ASSERT_NE(own, nullptr);
+    TraceBuffer& core = *BufferOf(own);
+    EXPECT_STREQ(core.GetSubSystemName(), "Core");
+    EXPECT_EQ(core.GetSizeOfModuleArray(), 90u);
+    std::string name;
+    ASSERT_TRUE(core.GetModuleName(static_cast<int32_t>(trace_engine_get_module_id(own)), name));
+    EXPECT_EQ(name, "General");
+
+    trace_engine_set_severity(own, 3);
+    Internal::PrintMsg(Severity::Warning, TraceMessage("kept %1").Add(1), false);
+    Internal::PrintMsg(Severity::Info, TraceMessage("dropped"), false);
+    bool found = false;
+    for (const auto& trace : ReadAll(core)) {
+        EXPECT_NE(trace->GetMessageString(), "dropped");
+        if (trace->GetFormattedMessage() == "kept 1") {
+            found = true;
+            EXPECT_EQ(trace->GetSeverityMask(), 3u);
+        }
+    }
+    EXPECT_TRUE(found);
+
+    // The updater thread registers its start flag in its own module of the same buffer.
+    ASSERT_TRUE(Tracing::Test::WaitFor([&] { return core.GetModuleID("Thread") >= 0; }, 5000));
+    TraceModuleInfo thread;
+    ASSERT_TRUE(core.GetModuleInfo("Thread", thread));
+    EXPECT_NE(thread.FindFlag(std::string("ThreadStart")), nullptr);
+}
+
+PAXLTRACE_CHILD_ROLE(KeepEngine) {
+    TraceEngine* engine = nullptr;
+    if (trace_engine_create("Other", "Mod", 0, 2, false, &engine, nullptr) != 0)
+        return 1;
+    trace_engine_register_flag(engine, "F", false);
+    // Tell the parent, then wait for it to try to change this buffer.
+    std::fputs("ready\n", stdout);
+    std::fflush(stdout);
+    char line[16];
+    if (std::fgets(line, sizeof line, stdin) == nullptr)
+        return 2;
+    const bool untouched = trace_engine_get_severity(engine) == 2 && !trace_engine_get_flag(engine, 4);
+    trace_engine_destroy(engine);
+    return untouched ? 0 : 3;
+}
+
+TEST(CApiByName, SeverityAndFlagsOfThisProcessOnly) {
+    Engine a = Create("Buf", "A");
+    Engine b = Create("Buf", "B");
+    Engine c = Create("Other", "Mod");
+    const unsigned char flag = trace_engine_register_flag(c.get(), "F", false);
+    trace_engine_set_severity(a.get(), 4);
+    trace_engine_set_severity(b.get(), 4);
+    trace_engine_set_severity(c.get(), 4);
+    // The names are looked up in the consumer list once it has any buffer: wait until the updater
+    // has attached all of ours, so that the lookups below do not depend on its timing.
+    ASSERT_TRUE(Tracing::Test::WaitFor(
+        [] {
+            TraceRegistry& registry = TraceRegistry::GetInstance();
+            return registry.GetConsumerBuffer(getpid(), "", "Buf") != nullptr &&
+                   registry.GetConsumerBuffer(getpid(), "", "Other") != nullptr;
+        },
+        5000));
+
+    EXPECT_EQ(trace_set_severity(6, nullptr, "A"), 0);
+    EXPECT_EQ(trace_engine_get_severity(a.get()), 4u);
+    EXPECT_EQ(trace_set_severity(6, "Buf", "A"), 1);
+    EXPECT_EQ(trace_set_severity(6, "Buf", "A"), 0);
+    EXPECT_EQ(trace_engine_get_severity(a.get()), 6u);
+    EXPECT_EQ(trace_engine_get_severity(b.get()), 4u);
+    EXPECT_EQ(trace_set_severity(2, "Buf", nullptr), 1);
+    EXPECT_EQ(trace_engine_get_severity(b.get()), 2u);
+    EXPECT_EQ(trace_engine_get_severity(c.get()), 4u);
+    EXPECT_EQ(trace_set_severity(5, nullptr, nullptr), 1);
+    EXPECT_EQ(trace_engine_get_severity(c.get()), 5u);
+
+    EXPECT_TRUE(trace_set_flag("Other", "Mod", "F", true));
+    EXPECT_TRUE(trace_engine_get_flag(c.get(), flag));
+    EXPECT_FALSE(trace_set_flag("Other", "Mod", "G", true));
+    EXPECT_FALSE(trace_set_flag("Other", "Nope", "F", true));
+    EXPECT_FALSE(trace_set_flag("buf", "A", "F", true));
+    EXPECT_FALSE(trace_set_flag(nullptr, "Mod", "F", true));
+}
+
+TEST(CApiByName, BuffersOfOtherProcessesAreLeftAlone) {
+    int toChild[2];
+    int fromChild[2];
+    ASSERT_EQ(pipe(toChild), 0);
+    ASSERT_EQ(pipe(fromChild), 0);
+    // The child talks through its standard streams.
+    const int savedIn = dup(0);
+    const int savedOut = dup(1);
+    dup2(toChild[0], 0);
+    dup2(fromChild[1], 1);
+    const pid_t child = Tracing::Test::SpawnChild("KeepEngine");
+    dup2(savedIn, 0);
+    dup2(savedOut, 1);
+    close(savedIn);
+    close(savedOut);
+    close(toChild[0]);
+    close(fromChild[1]);
+    char ready[8] = {};
+    ASSERT_EQ(read(fromChild[0], ready, 6), 6);
+
+    Engine own = Create("Other", "Mod");
+    trace_engine_register_flag(own.get(), "F", false);
+    // Once buffers are attached for reading, the consumer list is the one searched: wait until it
+    // holds both processes' "Other".
+    ASSERT_TRUE(Tracing::Test::WaitFor(
+        [&] {
+            TraceRegistry& registry = TraceRegistry::GetInstance();
+            return registry.GetConsumerBuffer(getpid(), "", "Other") != nullptr &&
+                   registry.GetConsumerBuffer(child, "", "Other") != nullptr;
+        },
+        5000));
+    EXPECT_EQ(trace_set_severity(7, nullptr, nullptr), 1);
+    EXPECT_EQ(trace_set_severity(6, "Other", "Mod"), 1);
+    EXPECT_TRUE(trace_set_flag("Other", "Mod", "F", true));
+    EXPECT_EQ(trace_engine_get_severity(own.get()), 6u);
+
+    ASSERT_EQ(write(toChild[1], "go\n", 3), 3);
+    close(toChild[1]);
+    close(fromChild[0]);
+    EXPECT_EQ(Tracing::Test::WaitChild(child), 0);
+}

@@ -1,0 +1,425 @@
+// The example producer (C) and consumer as real processes: what the producers write is what the
+// consumer prints, across overflows, killed producers and filter changes from either side.
+#include <dirent.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <cstdio>
+#include <fstream>
+#include <map>
+#include <mutex>
+#include <set>
+#include <sstream>
+#include <thread>
+#include <utility>
+
+#include "TestSupport.h"
+#include "Trace/Buffer/ITraceBufferDataChangedListener.h"
+#include "Trace/Buffer/TraceBuffer.h"
+#include "Trace/Records/CsvField.h"
+#include "Trace/Registry/TraceRegistry.h"
+
+extern char** environ;
+
+namespace Tracing {
+namespace {
+
+using Test::WaitChild;
+using Test::WaitFor;
+
+constexpr int TimeoutMs = 30000;
+
+struct Child {
+    pid_t pid = -1;
+    int input = -1;  // write end of the child's standard input, when it has one
+    std::string out;
+    std::string err;
+};
+
+struct Row {
+    unsigned id = 0;
+    std::string subsystem, module, severity, flags, message, file, line;
+};
+
+std::string ReadFile(const std::string& path) {
+    std::ifstream in(path);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+// The consumer's CSV output, header skipped; every line must have all 13 columns.
+std::vector<Row> ParseCsv(const std::string& path) {
+    std::ifstream in(path);
+    std::vector<Row> rows;
+    bool header = true;
+    for (std::string line; Internal::ReadCsvLine(in, line), !line.empty() || in.good();) {
+        if (line.empty())
+            continue;
+        std::vector<std::string> fields;
+        for (const char* cursor = line.c_str(); *cursor != '\0' && fields.size() <= 13;) {
+            fields.emplace_back();
+            Internal::ReadCsvField(cursor, fields.back(), ';');
+        }
+        while (fields.size() < 13 && line.back() == ';')
+            fields.emplace_back();  // empty trailing line number
+        EXPECT_EQ(fields.size(), 13u) << line;
+        if (fields.size() != 13)
+            continue;
+        if (std::exchange(header, false))
+            continue;
+        rows.push_back({static_cast<unsigned>(std::stoul(fields[0])), fields[4], fields[5], fields[6],
+                        fields[7], fields[10], fields[11], fields[12]});
+    }
+    return rows;
+}
+
+// The line of the producer's source that writes the numbered traces.
+std::string SequenceLine() {
+    std::ifstream in(PAXLTRACE_PRODUCER_SOURCE);
+    int number = 0;
+    for (std::string line; std::getline(in, line);) {
+        ++number;
+        if (line.find("__LINE__") != std::string::npos && line.find("\"seq %1") != std::string::npos)
+            return std::to_string(number);
+    }
+    return "?";
+}
+
+class EndToEndTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        signal(SIGPIPE, SIG_IGN);  // a dead child must fail the test, not end it
+        // Nothing may outlive a hung test: every child is killed after the timeout.
+        m_watchdog = std::thread([this] {
+            std::unique_lock lock(m_mutex);
+            if (!m_done.wait_for(lock, std::chrono::milliseconds(TimeoutMs), [this] { return m_finished; })) {
+                for (pid_t pid : m_running)
+                    kill(pid, SIGKILL);
+            }
+        });
+    }
+
+    void TearDown() override {
+        {
+            std::lock_guard lock(m_mutex);
+            m_finished = true;
+            for (pid_t pid : m_running)
+                kill(pid, SIGKILL);
+        }
+        m_done.notify_all();
+        m_watchdog.join();
+        for (pid_t pid : m_running)
+            WaitChild(pid);
+        for (const std::string& file : m_files)
+            unlink(file.c_str());
+    }
+
+    Child Start(const char* executable, std::vector<std::string> args,
+                const std::vector<std::string>& extraEnvironment = {}, bool withInput = false) {
+        Child child;
+        const std::string base = ::testing::TempDir() + "paxltrace_e2e_" + std::to_string(getpid()) + "_" +
+                                 std::to_string(m_files.size());
+        child.out = base + ".out";
+        child.err = base + ".err";
+        m_files.insert(m_files.end(), {child.out, child.err});
+
+        args.insert(args.begin(), executable);
+        std::vector<char*> argv;
+        for (std::string& arg : args)
+            argv.push_back(arg.data());
+        argv.push_back(nullptr);
+        std::vector<std::string> environment(extraEnvironment);
+        for (char** e = environ; *e != nullptr; ++e)
+            environment.emplace_back(*e);
+        std::vector<char*> envp;
+        for (std::string& e : environment)
+            envp.push_back(e.data());
+        envp.push_back(nullptr);
+
+        int pipeEnds[2] = {-1, -1};
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        if (withInput) {
+            EXPECT_EQ(pipe2(pipeEnds, O_CLOEXEC), 0);
+            posix_spawn_file_actions_adddup2(&actions, pipeEnds[0], 0);
+        } else {
+            posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+        }
+        posix_spawn_file_actions_addopen(&actions, 1, child.out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        posix_spawn_file_actions_addopen(&actions, 2, child.err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        std::lock_guard lock(m_mutex);
+        EXPECT_EQ(posix_spawn(&child.pid, executable, &actions, nullptr, argv.data(), envp.data()), 0);
+        posix_spawn_file_actions_destroy(&actions);
+        if (withInput) {
+            close(pipeEnds[0]);
+            child.input = pipeEnds[1];
+        }
+        m_running.insert(child.pid);
+        return child;
+    }
+
+    int Wait(Child& child) {
+        CloseInput(child);
+        const int code = WaitChild(child.pid);
+        std::lock_guard lock(m_mutex);
+        m_running.erase(child.pid);
+        return code;
+    }
+
+    static void Send(const Child& child, const std::string& text) {
+        ASSERT_EQ(write(child.input, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+    }
+
+    static void CloseInput(Child& child) {
+        if (child.input >= 0)
+            close(std::exchange(child.input, -1));
+    }
+
+    static bool WaitForText(const std::string& path, const std::string& text) {
+        return WaitFor([&] { return ReadFile(path).find(text) != std::string::npos; }, TimeoutMs);
+    }
+
+    Child StartConsumer() {
+        Child consumer = Start(PAXLTRACE_CONSUMER, {"--csv"});
+        EXPECT_TRUE(WaitForText(consumer.err, "consumer ready\n")) << ReadFile(consumer.err);
+        return consumer;
+    }
+
+    // Starts a producer that waits for "go"; returns its buffer ID once the consumer has it.
+    Child StartProducer(const Child& consumer, const std::vector<std::string>& args, int& bufferID,
+                        const std::vector<std::string>& extraEnvironment = {}) {
+        std::vector<std::string> all(args);
+        all.push_back("--wait");
+        Child producer = Start(PAXLTRACE_PRODUCER, all, extraEnvironment, true);
+        bufferID = -1;
+        EXPECT_TRUE(WaitFor(
+            [&] { return std::sscanf(ReadFile(producer.out).c_str(), "producer buffer %d", &bufferID) == 1; },
+            TimeoutMs))
+            << ReadFile(producer.err);
+        EXPECT_TRUE(WaitFor(
+            [&] {
+                const std::string err = ReadFile(consumer.err);
+                return err.find("buffer created " + std::to_string(bufferID) + "\n") != std::string::npos ||
+                       err.find("buffer existing " + std::to_string(bufferID) + "\n") != std::string::npos;
+            },
+            TimeoutMs));
+        return producer;
+    }
+
+    // Stops the consumer once the buffers are gone (their last traces are then delivered).
+    void StopConsumer(Child& consumer, const std::vector<int>& bufferIDs) {
+        for (int id : bufferIDs)
+            EXPECT_TRUE(WaitForText(consumer.err, "buffer deleted " + std::to_string(id) + "\n"))
+                << ReadFile(consumer.err);
+        kill(consumer.pid, SIGINT);
+        EXPECT_EQ(Wait(consumer), 0) << ReadFile(consumer.err);
+    }
+
+    std::mutex m_mutex;
+    std::condition_variable m_done;
+    bool m_finished = false;
+    std::set<pid_t> m_running;
+    std::thread m_watchdog;
+    std::vector<std::string> m_files;
+};
+
+// Shared-memory objects of this test whose name contains `part`.
+std::vector<std::string> ShmObjects(const std::string& part) {
+    std::vector<std::string> found;
+    if (DIR* dir = opendir("/dev/shm")) {
+        while (dirent* entry = readdir(dir)) {
+            const std::string name = entry->d_name;
+            if (name.find(Test::ShmPrefix()) != std::string::npos && name.find(part) != std::string::npos)
+                found.push_back(name);
+        }
+        closedir(dir);
+    }
+    return found;
+}
+
+TEST_F(EndToEndTest, EveryTraceOfEveryProducerArrivesOnceInOrder) {
+    constexpr int Producers = 3, Count = 1500;
+    Child consumer = StartConsumer();
+    std::vector<Child> producers;
+    std::vector<int> bufferIDs(Producers);
+    for (int p = 0; p < Producers; ++p) {
+        const std::string n = std::to_string(p);
+        producers.push_back(StartProducer(
+            consumer, {"E2E_Buffer" + n, "Module" + n, std::to_string(Count), "2"}, bufferIDs[p]));
+    }
+    for (Child& producer : producers)
+        Send(producer, "go\n");
+    for (Child& producer : producers) {
+        EXPECT_TRUE(
+            WaitForText(producer.out, "wrote " + std::to_string(2 * (Count + 1)) + " traces in 2 threads"))
+            << ReadFile(producer.out) << ReadFile(producer.err);
+        EXPECT_EQ(Wait(producer), 0);
+    }
+    StopConsumer(consumer, bufferIDs);
+
+    const std::string sequenceLine = SequenceLine();
+    std::map<std::string, std::vector<Row>> bySubsystem;
+    for (Row& row : ParseCsv(consumer.out)) {
+        if (row.subsystem.starts_with("E2E_"))  // not the processes' own diagnostics buffers
+            bySubsystem[row.subsystem].push_back(std::move(row));
+    }
+    ASSERT_EQ(bySubsystem.size(), static_cast<size_t>(Producers));
+    for (int p = 0; p < Producers; ++p) {
+        SCOPED_TRACE(p);
+        const std::vector<Row>& rows = bySubsystem["E2E_Buffer" + std::to_string(p)];
+        ASSERT_EQ(rows.size(), static_cast<size_t>(2 * (Count + 1)));
+        int next[2] = {0, 0};
+        int done = 0;
+        for (size_t i = 0; i < rows.size(); ++i) {
+            const Row& row = rows[i];
+            if (i > 0) {
+                ASSERT_LT(rows[i - 1].id, row.id);
+            }
+            EXPECT_EQ(row.module, "Module" + std::to_string(p));
+            EXPECT_TRUE(row.file.ends_with("examples/producer.c")) << row.file;
+            int seq = 0;
+            unsigned thread = 0;
+            if (std::sscanf(row.message.c_str(), "seq %d thread %u", &seq, &thread) == 2) {
+                ASSERT_LT(thread, 2u);
+                ASSERT_EQ(seq, next[thread]++) << "thread " << thread;  // once each, in order
+                EXPECT_EQ(row.severity, "Info");
+                EXPECT_EQ(row.flags, "");
+                EXPECT_EQ(row.line, sequenceLine);
+            } else {
+                EXPECT_TRUE(row.message == "thread 0 done" || row.message == "thread 1 done") << row.message;
+                EXPECT_EQ(row.severity, "Verbose");
+                EXPECT_EQ(row.flags, "Sequence");
+                ++done;
+            }
+        }
+        EXPECT_EQ(next[0], Count);
+        EXPECT_EQ(next[1], Count);
+        EXPECT_EQ(done, 2);  // the traces of the inactive flag were filtered out
+    }
+}
+
+TEST_F(EndToEndTest, OverflowIsReportedAndReadingGoesOn) {
+    constexpr int Count = 50000;
+    Child consumer = StartConsumer();
+    int bufferID = -1;
+    Child producer = StartProducer(consumer, {"E2E_Small", "Burst", std::to_string(Count), "1"}, bufferID,
+                                   {"TRACE_STREAM_SIZE=16384"});
+    Send(producer, "go\n");
+    EXPECT_TRUE(WaitForText(producer.out, "wrote ")) << ReadFile(producer.err);
+    EXPECT_EQ(Wait(producer), 0);
+    StopConsumer(consumer, {bufferID});
+
+    std::vector<Row> rows;
+    for (Row& row : ParseCsv(consumer.out)) {
+        if (row.subsystem == "E2E_Small")
+            rows.push_back(std::move(row));
+    }
+    const auto overflow = std::find_if(
+        rows.begin(), rows.end(), [](const Row& row) { return row.message.starts_with("Trace overflow"); });
+    ASSERT_NE(overflow, rows.end()) << rows.size() << " rows";
+    EXPECT_EQ(overflow->severity, "Warning");
+    // After the report the newest traces still come, in order and none twice.
+    int last = -1;
+    bool done = false;
+    for (auto row = overflow + 1; row != rows.end(); ++row) {
+        int seq = 0;
+        if (std::sscanf(row->message.c_str(), "seq %d thread 0", &seq) == 1) {
+            EXPECT_GT(seq, last);
+            last = seq;
+        }
+        done = done || row->message == "thread 0 done";
+    }
+    EXPECT_EQ(last, Count - 1);
+    EXPECT_TRUE(done);
+}
+
+TEST_F(EndToEndTest, KilledProducerKeepsEveryCompletedTraceAndLeavesNothing) {
+    Child consumer = StartConsumer();
+    int bufferID = -1;
+    // Paced so that the consumer keeps up: a lost trace here would be the ring's, not the kill's.
+    Child producer = StartProducer(
+        consumer, {"E2E_Victim", "Doomed", "100000000", "1", "--pace", "5", "--progress", "100"}, bufferID);
+    Send(producer, "go\n");
+    ASSERT_TRUE(WaitForText(producer.out, "progress 0 2000\n"));
+    kill(producer.pid, SIGKILL);
+    EXPECT_EQ(Wait(producer), 128 + SIGKILL);
+    int completed = 0;
+    std::istringstream out(ReadFile(producer.out));
+    for (std::string line; std::getline(out, line);)
+        std::sscanf(line.c_str(), "progress 0 %d", &completed);
+
+    // The dead-process search frees its registry item, then the consumer lets go of the buffer.
+    EXPECT_TRUE(WaitForText(consumer.err, "buffer deleted " + std::to_string(bufferID) + "\n"));
+    EXPECT_TRUE(WaitFor([] { return ShmObjects("E2E_Victim").empty(); }, TimeoutMs))
+        << ShmObjects("E2E_Victim").size() << " objects left";
+    StopConsumer(consumer, {});
+    EXPECT_TRUE(ShmObjects("E2E_Victim").empty());
+
+    std::set<int> seen;
+    for (const Row& row : ParseCsv(consumer.out)) {
+        int seq = 0;
+        if (row.subsystem == "E2E_Victim" && std::sscanf(row.message.c_str(), "seq %d", &seq) == 1) {
+            EXPECT_TRUE(seen.insert(seq).second) << "twice: " << seq;
+        }
+    }
+    ASSERT_GE(seen.size(), static_cast<size_t>(completed));
+    EXPECT_EQ(*seen.rbegin(), static_cast<int>(seen.size()) - 1) << "a gap";
+}
+
+class FilterCounter : public ITraceBufferDataChangedListener {
+public:
+    explicit FilterCounter(int moduleID) : m_moduleID(moduleID) {}
+    void OnModuleFiltersChanged(TraceBuffer&, const std::set<int>& moduleIDs) override {
+        if (moduleIDs.count(m_moduleID) != 0)
+            ++calls;
+    }
+    std::atomic<int> calls{0};
+
+private:
+    int m_moduleID;
+};
+
+TEST_F(EndToEndTest, FilterChangesTravelBothWays) {
+    Child producer = Start(PAXLTRACE_PRODUCER, {"E2E_Filter", "Knob", "10", "1", "--wait"}, {}, true);
+    ASSERT_TRUE(WaitForText(producer.out, "severity 4 Info\n")) << ReadFile(producer.err);
+    int bufferID = -1, moduleID = -1;
+    ASSERT_EQ(
+        std::sscanf(ReadFile(producer.out).c_str(), "producer buffer %d module %d", &bufferID, &moduleID), 2);
+
+    TraceRegistry& registry = TraceRegistry::GetInstance();
+    TraceBuffer* buffer = nullptr;
+    ASSERT_TRUE(
+        WaitFor([&] { return (buffer = registry.GetConsumerBuffer(bufferID)) != nullptr; }, TimeoutMs));
+    FilterCounter counter(moduleID);
+    buffer->RegisterDataChangedListener(&counter, false);
+
+    // Ours reaches the producer's filter word; our own change is not reported back to us.
+    ASSERT_TRUE(buffer->SetSeverity(moduleID, Severity::Debug));
+    EXPECT_TRUE(WaitForText(producer.out, "severity 6 Debug\n"));
+
+    // The producer's own change reaches us, once.
+    Send(producer, "severity 2\n");
+    EXPECT_TRUE(WaitForText(producer.out, "severity 2 Error\n"))
+        << ReadFile(producer.out) << ReadFile(producer.err);
+    EXPECT_TRUE(WaitFor([&] { return counter.calls.load() > 0; }, TimeoutMs));
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));  // several more polls
+    EXPECT_EQ(counter.calls.load(), 1);
+    uint32_t state = 0;
+    ASSERT_EQ(registry.GetConsumerBuffer(bufferID), buffer) << "the producer's buffer went away";
+    EXPECT_EQ(buffer->GetFilterState(moduleID, state), TraceBuffer::Success);
+    EXPECT_EQ(state & 7u, 2u);
+
+    buffer->UnregisterDataChangedListener(&counter);
+    EXPECT_EQ(Wait(producer), 0);
+}
+
+}  // namespace
+}  // namespace Tracing

@@ -1,0 +1,197 @@
+// The paxltrace binary against real producer processes (its own demo producers).
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <set>
+#include <sstream>
+
+#include "TestSupport.h"
+#include "Trace/Records/CsvField.h"
+
+extern char** environ;
+
+namespace Tracing::Tool {
+namespace {
+
+using Test::WaitChild;
+using Test::WaitFor;
+
+class ToolTest : public ::testing::Test {
+protected:
+    void TearDown() override {
+        for (pid_t pid : m_running) {
+            kill(pid, SIGTERM);
+            WaitChild(pid);
+        }
+        for (const std::string& file : m_files) {
+            unlink(file.c_str());
+        }
+    }
+
+    std::string TempFile(const std::string& name) {
+        std::string path = ::testing::TempDir() + "paxltrace_" + std::to_string(getpid()) + "_" + name;
+        m_files.push_back(path);
+        return path;
+    }
+
+    // Starts the tool with stdout and stderr in files; it is stopped at the end of the test.
+    pid_t Start(const std::vector<std::string>& args, const std::string& outPath) {
+        std::vector<std::string> all{PAXLTRACE_TOOL_PATH};
+        all.insert(all.end(), args.begin(), args.end());
+        std::vector<char*> argv;
+        for (std::string& arg : all) {
+            argv.push_back(arg.data());
+        }
+        argv.push_back(nullptr);
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, 1, outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        const std::string errPath = outPath + ".err";
+        m_files.push_back(errPath);
+        posix_spawn_file_actions_addopen(&actions, 2, errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        pid_t pid = -1;
+        EXPECT_EQ(posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ), 0);
+        posix_spawn_file_actions_destroy(&actions);
+        m_running.insert(pid);
+        return pid;
+    }
+
+    int Wait(pid_t pid) {
+        m_running.erase(pid);
+        return WaitChild(pid);
+    }
+
+    // Runs the tool to its end; its standard output (and error) in out.
+    int Run(const std::vector<std::string>& args, std::string* out = nullptr) {
+        const std::string path = TempFile("run");
+        int code = Wait(Start(args, path));
+        if (out != nullptr) {
+            *out = Read(path) + Read(path + ".err");
+        }
+        return code;
+    }
+
+    pid_t StartProducer(const std::string& name) {
+        const std::string out = TempFile("producer_" + name);
+        pid_t pid = Start({"demo-producer", name, "--duration", "60"}, out);
+        EXPECT_TRUE(WaitFor([&] { return Read(out).find("ready") != std::string::npos; }, 20000))
+            << Read(out + ".err");
+        return pid;
+    }
+
+    static std::string Read(const std::string& path) {
+        std::ifstream in(path);
+        std::stringstream text;
+        text << in.rdbuf();
+        return text.str();
+    }
+
+private:
+    std::set<pid_t> m_running;
+    std::vector<std::string> m_files;
+};
+
+TEST_F(ToolTest, TailCsvShowsEveryProducersTraces) {
+    StartProducer("Orders");
+    StartProducer("Billing");
+    const std::string csv = TempFile("tail.csv");
+    ASSERT_EQ(Run({"tail", "--csv", "--duration", "3", "--output", csv}), 0);
+
+    std::ifstream in(csv);
+    std::set<std::string> subsystems, modules;
+    bool requestSeen = false;
+    int rows = 0;
+    for (std::string line; Internal::ReadCsvLine(in, line), !line.empty() || in.good();) {
+        if (line.empty()) {
+            continue;
+        }
+        std::vector<std::string> fields;
+        const char* cursor = line.c_str();
+        while (*cursor != '\0' || fields.size() < 13) {
+            fields.emplace_back();
+            Internal::ReadCsvField(cursor, fields.back(), ';');
+            if (fields.size() > 13) {
+                break;
+            }
+        }
+        ASSERT_EQ(fields.size(), 13u) << line;
+        if (rows++ == 0) {
+            EXPECT_EQ(fields[0], "#");
+            continue;
+        }
+        subsystems.insert(fields[4]);
+        modules.insert(fields[5]);
+        requestSeen = requestSeen || fields[10].find("served in") != std::string::npos;
+    }
+    EXPECT_GT(rows, 10);
+    EXPECT_TRUE(subsystems.count("Billing") && subsystems.count("Orders"));
+    EXPECT_TRUE(modules.count("Network") && modules.count("Scheduler"));
+    EXPECT_TRUE(requestSeen);
+
+    std::string list;
+    ASSERT_EQ(Run({"list"}, &list), 0);
+    EXPECT_NE(list.find("Orders"), std::string::npos);
+    EXPECT_NE(list.find("Billing"), std::string::npos);
+}
+
+TEST_F(ToolTest, FilterChangesReachTheRunningProducer) {
+    const std::string producerOut = TempFile("producer_out");
+    Start({"demo-producer", "Orders", "--duration", "60"}, producerOut);
+    ASSERT_TRUE(WaitFor([&] { return Read(producerOut).find("ready") != std::string::npos; }, 20000));
+
+    std::string out;
+    ASSERT_EQ(Run({"set-severity", "Orders", "Network", "debug"}, &out), 0) << out;
+    EXPECT_TRUE(WaitFor(
+        [&] {
+            return Read(producerOut).find("module Network filter 0x00000016 severity Debug") !=
+                   std::string::npos;
+        },
+        20000))
+        << Read(producerOut);
+    ASSERT_EQ(Run({"set-flag", "Orders", "Network", "IO", "off"}, &out), 0) << out;
+    ASSERT_EQ(Run({"modules", "Orders"}, &out), 0);
+    EXPECT_NE(out.find("Debug"), std::string::npos) << out;
+    EXPECT_NE(out.find("IO=off Retry=off"), std::string::npos) << out;
+
+    // Exit codes scripts rely on: 1 for what is not there, 2 for what cannot be meant.
+    EXPECT_EQ(Run({"modules", "Nowhere"}, &out), 1) << out;
+    EXPECT_EQ(Run({"set-flag", "Orders", "Network", "NoSuchFlag", "on"}), 1);
+    EXPECT_EQ(Run({"set-severity", "Orders", "Network", "Loud"}), 2);
+    EXPECT_EQ(Run({"set-flag", "Orders", "Network", "IO", "maybe"}), 2);
+    EXPECT_EQ(Run({"tail", "--bogus"}), 2);
+    EXPECT_EQ(Run({}), 2);
+}
+
+TEST_F(ToolTest, LoadedProfilePresetsProducersStartedLater) {
+    const std::string loaderOut = TempFile("loader");
+    pid_t loader = Start({"profile", "load", PAXLTRACE_TOOL_EXAMPLES "/profile.toml"}, loaderOut);
+    ASSERT_TRUE(WaitFor([&] { return Read(loaderOut).find("in force") != std::string::npos; }, 20000))
+        << Read(loaderOut + ".err");
+    StartProducer("Orders");
+
+    std::string out;
+    ASSERT_EQ(Run({"modules", "Orders"}, &out), 0);
+    EXPECT_NE(out.find("Network"), std::string::npos) << out;
+    EXPECT_NE(out.find("Debug"), std::string::npos) << out;
+    EXPECT_NE(out.find("IO=off Retry=on"), std::string::npos) << out;
+
+    ASSERT_EQ(Run({"profile", "show"}, &out), 0);
+    EXPECT_NE(out.find("[host.\"\".application."), std::string::npos) << out;
+    EXPECT_NE(out.find("flags = { IO = false, Retry = true }"), std::string::npos) << out;
+
+    kill(loader, SIGTERM);
+    EXPECT_EQ(Wait(loader), 0);
+
+    const std::string bad = TempFile("bad.toml");
+    std::ofstream(bad) << "[host.\"\"]\nseverity = \"Loud\"\n";
+    ASSERT_EQ(Run({"profile", "load", bad}, &out), 2);
+    EXPECT_NE(out.find(bad + ":2:12:"), std::string::npos) << out;
+}
+
+}  // namespace
+}  // namespace Tracing::Tool

@@ -1,0 +1,27 @@
+// The few operating-system services the tool needs beyond the library.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace Tracing::Tool {
+
+long CurrentProcess();
+
+// Whether standard output is a terminal (colours are only written to one).
+bool StdoutIsTerminal();
+
+// SIGINT and SIGTERM set a flag instead of ending the process, so output can be flushed.
+void InstallStopHandler();
+bool StopRequested();
+// Sleeps up to milliseconds, returning early once a stop was requested.
+void SleepUnlessStopped(unsigned milliseconds);
+
+// Starts this executable again with the arguments; returns the process ID, or -1.
+long StartSelf(const std::vector<std::string>& arguments);
+// Asks a child started by StartSelf to stop.
+void StopChild(long pid);
+// Waits for the child; its exit code, or 128 + signal number.
+int WaitChild(long pid);
+
+}  // namespace Tracing::Tool
