@@ -9,7 +9,8 @@ dir=build-win
 export WINEPREFIX="$PWD/$dir/wineprefix"
 export WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml="
 cmake -S . -B "$dir" -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64.cmake -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  -DPAXLTRACE_WINEPREFIX="$WINEPREFIX" -DPAXLTRACE_BUILD_BENCH=OFF -DPAXLTRACE_BUILD_EXAMPLES=OFF
+  -DPAXLTRACE_WINEPREFIX="$WINEPREFIX" -DPAXLTRACE_BUILD_BENCH=OFF -DPAXLTRACE_BUILD_EXAMPLES=OFF \
+  -DPAXLTRACE_BUILD_TOOLS=OFF
 jobs=$(nproc 2>/dev/null || echo 2)
 cmake --build "$dir" -j"$jobs"
 
