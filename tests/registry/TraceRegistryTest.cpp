@@ -11,6 +11,7 @@
 #include "TestSupport.h"
 #include "Trace/Engine/TraceConfigurationPrivate.h"
 #include "Trace/Ipc/TraceSharedMemory.h"
+#include "Trace/Reading/TraceUpdateManager.h"
 #include "Trace/Registry/TraceReceiverCommandStore.h"
 #include "Trace/Registry/TraceRegistry.h"
 #include "Trace/Registry/TraceRegistryData.h"
@@ -197,15 +198,19 @@ TEST(TraceRegistry, BlocksThatDoNotHoldWhatTheyAnnounceAreRefused) {
     EXPECT_EQ(WaitChild(SpawnChild("ReportCreationError")), SHMErrorCodes::InvalidSize);
     ASSERT_TRUE(memory.detach());
 
-    // Too small for the header itself.
+    // Too small for the header itself. (Windows maps whole pages: such a block cannot exist there.)
+#ifndef _WIN32
     ASSERT_TRUE(memory.create(64));
     EXPECT_EQ(WaitChild(SpawnChild("ReportCreationError")), SHMErrorCodes::InvalidSize);
+#endif
 }
 
 PAXLTRACE_CHILD_ROLE(SetTimer) {
     TraceRegistry& registry = TraceRegistry::GetInstance();
     if (registry.GetCreationErrorCode() != SHMErrorCodes::Success)
         return 90;
+    // Its thread would renew the reference it finds stale if it ran another cycle before we exit.
+    TraceUpdateManager::GetInstance().Stop(TraceUpdateManager::ExitStopTimeoutMs);
     const uint64_t value = std::stoull(args.at(0));
     registry.SetTraceTimer(value, value + 1, -static_cast<int64_t>(value));
     return 0;
