@@ -143,6 +143,8 @@ TEST(TraceRegistry, AttacherGivesUpOnABlockItsCreatorNeverPublished) {
     const pid_t creator = SpawnChild("CreatorThatNeverPublishes");
     DirectView view;
     ASSERT_TRUE(WaitFor([&] { return view.Attach(); }, 10000));
+    // An opener may see the block before its creator has laid it out.
+    ASSERT_TRUE(WaitFor([&] { return view.data->GetTraceTimerResynchronizationPeriod() == 10000u; }, 10000));
     // The creator dies holding the guard; the block lives on because this process holds it.
     kill(creator, SIGKILL);
     EXPECT_EQ(WaitChild(creator), 128 + SIGKILL);
