@@ -7,6 +7,7 @@
 // (after a holder died, the next holder's release cleans up).
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 namespace Tracing::Platform {
@@ -40,7 +41,8 @@ public:
 
 private:
     std::string m_path;
-    int m_handle = -1;
+    std::string m_name;      // the system's name of the guard, where it has no path
+    intptr_t m_handle = -1;  // a descriptor or a handle
     int m_lastError = 0;
 };
 

@@ -25,4 +25,9 @@ ProcessState QueryProcess(int64_t pid, uint64_t& creationTime);
 // True when the process runs as a system service (Windows session 0). Always false on POSIX.
 bool IsServiceProcess();
 
+// True while the process ends after the system has stopped its other threads (Windows runs the
+// library's exit-time destructors then); such threads can no longer be waited for. False on POSIX,
+// where those destructors run while the other threads still run.
+bool ProcessIsEnding();
+
 }  // namespace Tracing::Platform

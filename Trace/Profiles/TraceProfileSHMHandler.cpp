@@ -9,6 +9,7 @@
 #include "Trace/Records/TraceMessage.h"
 #include "Trace/Registry/TraceRegistry.h"
 #include "Trace/Time/TraceTimer.h"
+#include "platform/Process.h"
 #include "platform/Thread.h"
 
 namespace Tracing {
@@ -177,9 +178,17 @@ void TraceProfileSHMHandler::SHMConfigWriter::Visit(const TraceProfile::SubSyste
 // --- TraceProfileSHMHandler
 
 TraceProfileSHMHandler& TraceProfileSHMHandler::GetInstance() {
-    // Destroyed at exit, which releases the block: a block nobody holds vanishes.
-    static TraceProfileSHMHandler handler;
-    return handler;
+    // Destroyed at exit, which releases the block: a block nobody holds vanishes. Not when the
+    // system has already ended the updater thread, maybe inside our lock: it releases the block then.
+    struct DestroyAtExit {
+        TraceProfileSHMHandler* handler;
+        ~DestroyAtExit() {
+            if (!Platform::ProcessIsEnding())
+                delete handler;
+        }
+    };
+    static const DestroyAtExit handler{new TraceProfileSHMHandler};
+    return *handler.handler;
 }
 
 // The registry is reached only on use, never here: diagnostics issued while the registry is set

@@ -12,6 +12,7 @@
 #include "Trace/Time/TraceTimer.h"
 #include "paxltrace.h"
 #include "platform/Clock.h"
+#include "platform/Process.h"
 #include "platform/Thread.h"
 
 namespace Tracing {
@@ -299,6 +300,13 @@ bool TraceUpdateManager::WaitForThreadEnd(unsigned long timeoutMs) {
 void TraceUpdateManager::Stop(unsigned long timeoutMs) {
     if (stopRequested.exchange(true, std::memory_order_seq_cst))
         return;
+    if (Platform::ProcessIsEnding()) {
+        // The system has ended the thread, maybe holding our mutexes: nothing to wait for.
+        m_stopping.store(true, std::memory_order_seq_cst);
+        if (m_thread.joinable())
+            m_thread.detach();
+        return;
+    }
     std::lock_guard<std::mutex> lifecycle(m_lifecycleMutex);
     {
         std::lock_guard<std::mutex> lock(m_cycleMutex);

@@ -163,9 +163,18 @@ TraceRegistry& TraceRegistry::GetInstance() {
         TraceUpdateManager::GetInstance();
         TraceTimer::GetInstance();
         TraceProfileSHMHandler::GetInstance();
-        static TraceRegistry registry;
-        s_instance.store(&registry, std::memory_order_seq_cst);
-        return &registry;
+        // Destroyed at exit, unless the system has already ended the updater thread, maybe inside
+        // the registry's locks: then the system takes back what the registry holds.
+        struct DestroyAtExit {
+            TraceRegistry* registry;
+            ~DestroyAtExit() {
+                if (!Platform::ProcessIsEnding())
+                    delete registry;
+            }
+        };
+        static const DestroyAtExit registry{new TraceRegistry};
+        s_instance.store(registry.registry, std::memory_order_seq_cst);
+        return registry.registry;
     }();
     instance->InitializeOnce();
     return *instance;

@@ -55,4 +55,8 @@ bool IsServiceProcess() {
     return false;
 }
 
+bool ProcessIsEnding() {
+    return false;
+}
+
 }  // namespace Tracing::Platform

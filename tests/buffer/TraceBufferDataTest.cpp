@@ -1,8 +1,12 @@
 #include "Trace/Buffer/TraceBufferData.h"
 
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 #include <unistd.h>
+#ifdef _WIN32
+#include <windows.h>
+#else
+#include <sys/mman.h>
+#endif
 
 #include <cstring>
 #include <string>
@@ -181,11 +185,20 @@ TEST(TraceBufferData, CopyCreateKeepsModulesAndRestartsTheRing) {
 
 TEST(TraceBufferData, HostileContentIsNeverReadPastTheMapping) {
     // Header and one slot end exactly where an inaccessible page begins.
+#ifdef _WIN32
+    const size_t page = 4096;
+    void* mapping = ::VirtualAlloc(nullptr, 2 * page, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE);
+    ASSERT_NE(mapping, nullptr);
+    char* guard = static_cast<char*>(mapping) + page;
+    DWORD previous = 0;
+    ASSERT_TRUE(::VirtualProtect(guard, page, PAGE_NOACCESS, &previous));
+#else
     const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
     void* mapping = mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     ASSERT_NE(mapping, MAP_FAILED);
     char* guard = static_cast<char*>(mapping) + page;
     ASSERT_EQ(mprotect(guard, page, PROT_NONE), 0);
+#endif
     const uint64_t mapped = TraceBufferData::GetSize(1);
 
     // A writer that terminates nothing and claims a huge module array.
@@ -212,5 +225,9 @@ TEST(TraceBufferData, HostileContentIsNeverReadPastTheMapping) {
     EXPECT_EQ(module->GetTraceFlags(), 0u) << "bit numbers beyond 31 name no flag";
     EXPECT_EQ(module->RegisterFlag("x", true), 0);
     module->ApplyProfile(*data, Severity::Info);
+#ifdef _WIN32
+    ::VirtualFree(mapping, 0, MEM_RELEASE);
+#else
     munmap(mapping, 2 * page);
+#endif
 }

@@ -1,7 +1,8 @@
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -13,6 +14,7 @@
 #include "Trace/Records/TraceMessage.h"
 #include "Trace/Registry/TraceRegistry.h"
 #include "paxltrace.h"
+#include "platform/Process.h"
 #include "tests/support/TestSupport.h"
 
 using namespace Tracing;
@@ -228,16 +230,19 @@ TEST(CApiEngine, OwnEnginesAndPrintMsg) {
     EXPECT_NE(thread.FindFlag(std::string("ThreadStart")), nullptr);
 }
 
+// The child and the parent hand over through marker files: portable, and no inherited handles.
+std::filesystem::path Marker(const std::string& name) {
+    return std::filesystem::temp_directory_path() / (Tracing::Test::ShmPrefix() + name);
+}
+
 PAXLTRACE_CHILD_ROLE(KeepEngine) {
     TraceEngine* engine = nullptr;
     if (trace_engine_create("Other", "Mod", 0, 2, false, &engine, nullptr) != 0)
         return 1;
     trace_engine_register_flag(engine, "F", false);
     // Tell the parent, then wait for it to try to change this buffer.
-    std::fputs("ready\n", stdout);
-    std::fflush(stdout);
-    char line[16];
-    if (std::fgets(line, sizeof line, stdin) == nullptr)
+    std::ofstream(Marker("ready")) << "ready\n";
+    if (!Tracing::Test::WaitFor([] { return std::filesystem::exists(Marker("go")); }, 30000))
         return 2;
     const bool untouched = trace_engine_get_severity(engine) == 2 && !trace_engine_get_flag(engine, 4);
     trace_engine_destroy(engine);
@@ -257,8 +262,8 @@ TEST(CApiByName, SeverityAndFlagsOfThisProcessOnly) {
     ASSERT_TRUE(Tracing::Test::WaitFor(
         [] {
             TraceRegistry& registry = TraceRegistry::GetInstance();
-            return registry.GetConsumerBuffer(getpid(), "", "Buf") != nullptr &&
-                   registry.GetConsumerBuffer(getpid(), "", "Other") != nullptr;
+            return registry.GetConsumerBuffer(Platform::CurrentProcessId(), "", "Buf") != nullptr &&
+                   registry.GetConsumerBuffer(Platform::CurrentProcessId(), "", "Other") != nullptr;
         },
         5000));
 
@@ -283,24 +288,8 @@ TEST(CApiByName, SeverityAndFlagsOfThisProcessOnly) {
 }
 
 TEST(CApiByName, BuffersOfOtherProcessesAreLeftAlone) {
-    int toChild[2];
-    int fromChild[2];
-    ASSERT_EQ(pipe(toChild), 0);
-    ASSERT_EQ(pipe(fromChild), 0);
-    // The child talks through its standard streams.
-    const int savedIn = dup(0);
-    const int savedOut = dup(1);
-    dup2(toChild[0], 0);
-    dup2(fromChild[1], 1);
     const pid_t child = Tracing::Test::SpawnChild("KeepEngine");
-    dup2(savedIn, 0);
-    dup2(savedOut, 1);
-    close(savedIn);
-    close(savedOut);
-    close(toChild[0]);
-    close(fromChild[1]);
-    char ready[8] = {};
-    ASSERT_EQ(read(fromChild[0], ready, 6), 6);
+    ASSERT_TRUE(Tracing::Test::WaitFor([] { return std::filesystem::exists(Marker("ready")); }, 30000));
 
     Engine own = Create("Other", "Mod");
     trace_engine_register_flag(own.get(), "F", false);
@@ -309,7 +298,7 @@ TEST(CApiByName, BuffersOfOtherProcessesAreLeftAlone) {
     ASSERT_TRUE(Tracing::Test::WaitFor(
         [&] {
             TraceRegistry& registry = TraceRegistry::GetInstance();
-            return registry.GetConsumerBuffer(getpid(), "", "Other") != nullptr &&
+            return registry.GetConsumerBuffer(Platform::CurrentProcessId(), "", "Other") != nullptr &&
                    registry.GetConsumerBuffer(child, "", "Other") != nullptr;
         },
         5000));
@@ -318,8 +307,8 @@ TEST(CApiByName, BuffersOfOtherProcessesAreLeftAlone) {
     EXPECT_TRUE(trace_set_flag("Other", "Mod", "F", true));
     EXPECT_EQ(trace_engine_get_severity(own.get()), 6u);
 
-    ASSERT_EQ(write(toChild[1], "go\n", 3), 3);
-    close(toChild[1]);
-    close(fromChild[0]);
+    std::ofstream(Marker("go")) << "go\n";
     EXPECT_EQ(Tracing::Test::WaitChild(child), 0);
+    std::filesystem::remove(Marker("ready"));
+    std::filesystem::remove(Marker("go"));
 }

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -11,6 +12,7 @@
 #include "TestSupport.h"
 #include "Trace/Engine/TraceConfigurationPrivate.h"
 #include "paxltrace.h"
+#include "platform/ExecutablePath.h"
 
 using namespace Tracing;
 namespace fs = std::filesystem;
@@ -181,11 +183,17 @@ TEST(TraceConfigurationSetters, SharedMemoryConsumptionFollowsTheConfiguredModul
 }
 
 TEST(TraceConfigurationExecutable, NameDropsTheLastExtensionUnlessItStartsTheName) {
-    EXPECT_EQ(Internal::ExecutableNameFromPath("/opt/x.y/a.b.exe"), "a.b");
-    EXPECT_EQ(Internal::ExecutableNameFromPath("/opt/x.y/.hidden"), ".hidden");
+    // Paths as this system writes them.
+    auto native = [](std::string path) {
+        std::replace(path.begin(), path.end(), '/', Tracing::Platform::PathSeparator);
+        return path;
+    };
+    EXPECT_EQ(Internal::ExecutableNameFromPath(native("/opt/x.y/a.b.exe")), "a.b");
+    EXPECT_EQ(Internal::ExecutableNameFromPath(native("/opt/x.y/.hidden")), ".hidden");
+    EXPECT_EQ(Internal::ExecutableNameFromPath(native("/opt/x.y/tool")), "tool");
     EXPECT_EQ(Internal::ExecutableNameFromPath("tool.bin"), "tool");
-    EXPECT_EQ(Internal::ConfigurationFilePathFor("/opt/bin/tool"), "/opt/bin/paxltrace.conf");
-    EXPECT_EQ(Internal::ConfigurationFilePathFor("tool"), "tool/paxltrace.conf");
+    EXPECT_EQ(Internal::ConfigurationFilePathFor(native("/opt/bin/tool")), native("/opt/bin/paxltrace.conf"));
+    EXPECT_EQ(Internal::ConfigurationFilePathFor("tool"), native("tool/paxltrace.conf"));
 }
 
 PAXLTRACE_CHILD_ROLE(ReportConfiguration) {
@@ -199,7 +207,7 @@ PAXLTRACE_CHILD_ROLE(ReportConfiguration) {
 TEST(TraceConfigurationExecutable, FileBesideTheExecutableIsRead) {
     TempDir dir;
     const fs::path copy = dir.Path() / "conf.child.bin";
-    fs::copy_file("/proc/self/exe", copy);
+    fs::copy_file(Tracing::Test::SelfExecutable(), copy);
     fs::permissions(copy, fs::perms::owner_all);
     std::ofstream(dir.Path() / "paxltrace.conf")
         << "TRACE_MAX_MODULES = 7\nTRACE_USERGROUP=ops\nTRACE_PREFIX=file\nTRACE_LOCATION=1\n";

@@ -3,8 +3,13 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/mman.h>
 #include <unistd.h>
+#ifdef _WIN32
+#include <io.h>
+#include <windows.h>
+#else
+#include <sys/mman.h>
+#endif
 
 #include <atomic>
 #include <cstdlib>
@@ -38,6 +43,38 @@ std::atomic_ref<uint32_t> Word(uint32_t& word) {
     return std::atomic_ref<uint32_t>(word);
 }
 
+#ifdef _WIN32
+// Maps the Shared block of a named object; spawned children open it by its name. The mapping
+// stays while the process runs, which keeps the object alive.
+Shared& MapShared(const std::string& name, int flags) {
+    HANDLE mapping = (flags & O_CREAT) != 0
+                         ? ::CreateFileMappingA(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0,
+                                                sizeof(Shared), name.c_str())
+                         : ::OpenFileMappingA(FILE_MAP_WRITE, FALSE, name.c_str());
+    if (mapping == nullptr)
+        std::abort();
+    void* address = ::MapViewOfFile(mapping, FILE_MAP_WRITE, 0, 0, sizeof(Shared));
+    if (address == nullptr)
+        std::abort();
+    return *static_cast<Shared*>(address);
+}
+
+struct SharedBlock {
+    std::string name = ShmPrefix() + "_lock";
+    Shared& shared = MapShared(name, O_RDWR | O_CREAT | O_EXCL);
+};
+
+// While gtest captures standard error into a file, the file as it stands so far.
+bool StderrContains(const std::string& text) {
+    char path[MAX_PATH + 1] = {};
+    HANDLE stderrHandle = reinterpret_cast<HANDLE>(::_get_osfhandle(2));
+    const DWORD length = ::GetFinalPathNameByHandleA(stderrHandle, path, MAX_PATH, FILE_NAME_NORMALIZED);
+    if (length == 0 || length > MAX_PATH)
+        return false;
+    std::ifstream in(path);
+    return std::string(std::istreambuf_iterator<char>(in), {}).find(text) != std::string::npos;
+}
+#else
 // Maps the Shared block of a named object; spawned children open it by its name.
 Shared& MapShared(const std::string& name, int flags) {
     const int fd = shm_open(name.c_str(), flags, 0600);
@@ -62,6 +99,7 @@ bool StderrContains(const std::string& text) {
     std::ifstream in("/proc/self/fd/2");
     return std::string(std::istreambuf_iterator<char>(in), {}).find(text) != std::string::npos;
 }
+#endif
 
 // Starts with the other three threads, then counts under the lock. Read and write lie apart so
 // that a lock that lets two in loses counts.

@@ -1,5 +1,7 @@
 #include "Trace/Ipc/TraceSharedMemory.h"
 
+// Blocks as files in /dev/shm, users and groups: Windows has its own tests of these.
+#ifndef _WIN32
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
@@ -389,3 +391,5 @@ TEST(TraceSharedMemory, EventLogEntriesCarrySourceUserAndMessage) {
     EXPECT_EQ(entries[0].userLine, userLine);
     EXPECT_EQ(entries[1].type, Tracing::Platform::EventType::Warning);
 }
+
+#endif  // _WIN32

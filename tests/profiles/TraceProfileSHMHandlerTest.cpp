@@ -47,7 +47,7 @@ std::string ProfileKey(unsigned index) {
 }
 
 bool Exists(const std::string& key) {
-    return ::access(Tracing::Platform::SharedMemoryPath(key).c_str(), F_OK) == 0;
+    return Tracing::Test::ShmExists(key);
 }
 
 template <typename T>
@@ -210,7 +210,7 @@ TEST(TraceProfileSHMHandler, BlockHoldsHeaderAndImagesInVisitOrder) {
     ASSERT_TRUE(block.attach(TraceSharedMemory::ReadOnly));
     // Subsystems in byte order: "NoModules", "Plain", "Sub".
     const uint64_t dataSize = 2 * TraceBufferData::GetSize(1) + TraceBufferData::GetSize(3);
-    EXPECT_EQ(block.size(), dataSize + 1256);
+    EXPECT_EQ(block.size(), Tracing::Test::MappedSize(dataSize + 1256));
     EXPECT_EQ(Read<uint16_t>(block, 0), 1u);
     EXPECT_EQ(Read<uint16_t>(block, 2), 203u);
     EXPECT_EQ(Read<uint32_t>(block, 4), dataSize);
@@ -313,7 +313,7 @@ TEST(TraceProfileSHMHandler, GlobalSwitchesComeFromTheDefaultHost) {
     {
         TraceSharedMemory block(ProfileKey(1).c_str());
         ASSERT_TRUE(block.attach(TraceSharedMemory::ReadOnly));
-        EXPECT_EQ(block.size(), 1256u);
+        EXPECT_EQ(block.size(), Tracing::Test::MappedSize(1256));
         EXPECT_EQ(Read<uint32_t>(block, 4), 0u);
         EXPECT_EQ(Read<uint32_t>(block, 8), 1u | 2u | 4u);
     }
@@ -381,6 +381,9 @@ protected:
 };
 
 TEST_F(HostileProfileBlock, SizesAndCountsNeverLeadOutsideTheMapping) {
+#ifdef _WIN32
+    GTEST_SKIP() << "openers see whole pages there, so sizes below a page are not seen as such";
+#endif
     const uint64_t size = 40 + 2 * TraceBufferData::GetSize(1);
     Publish(size, static_cast<uint32_t>(2 * TraceBufferData::GetSize(1)), 1);
     EXPECT_TRUE(Found("S1"));

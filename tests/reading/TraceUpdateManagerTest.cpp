@@ -2,7 +2,9 @@
 // runs as its own process, so each gets a manager whose thread has not started yet.
 #include <gtest/gtest.h>
 #include <signal.h>
+#ifndef _WIN32
 #include <sys/wait.h>
+#endif
 
 #include <algorithm>
 #include <atomic>

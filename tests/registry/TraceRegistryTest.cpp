@@ -11,6 +11,7 @@
 #include "TestSupport.h"
 #include "Trace/Engine/TraceConfigurationPrivate.h"
 #include "Trace/Ipc/TraceSharedMemory.h"
+#include "Trace/Reading/TraceUpdateManager.h"
 #include "Trace/Registry/TraceReceiverCommandStore.h"
 #include "Trace/Registry/TraceRegistry.h"
 #include "Trace/Registry/TraceRegistryData.h"
@@ -144,6 +145,8 @@ TEST(TraceRegistry, AttacherGivesUpOnABlockItsCreatorNeverPublished) {
     const pid_t creator = SpawnChild("CreatorThatNeverPublishes");
     DirectView view;
     ASSERT_TRUE(WaitFor([&] { return view.Attach(); }, 10000));
+    // An opener may see the block before its creator has laid it out.
+    ASSERT_TRUE(WaitFor([&] { return view.data->GetTraceTimerResynchronizationPeriod() == 10000u; }, 10000));
     // The creator dies holding the guard; the block lives on because this process holds it.
     kill(creator, SIGKILL);
     EXPECT_EQ(WaitChild(creator), 128 + SIGKILL);
@@ -199,9 +202,11 @@ TEST(TraceRegistry, BlocksThatDoNotHoldWhatTheyAnnounceAreRefused) {
     EXPECT_EQ(WaitChild(SpawnChild("ReportCreationError")), SHMErrorCodes::InvalidSize);
     ASSERT_TRUE(memory.detach());
 
-    // Too small for the header itself.
+    // Too small for the header itself. (Windows maps whole pages: such a block cannot exist there.)
+#ifndef _WIN32
     ASSERT_TRUE(memory.create(64));
     EXPECT_EQ(WaitChild(SpawnChild("ReportCreationError")), SHMErrorCodes::InvalidSize);
+#endif
 }
 
 PAXLTRACE_CHILD_ROLE(SetTimer) {

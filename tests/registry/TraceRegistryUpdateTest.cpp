@@ -125,7 +125,7 @@ struct UpdaterBlocker : IUpdaterItem {
 };
 
 // The names of this test's shared-memory objects that hold `part`.
-std::vector<std::string> ShmObjectsWith(const std::string& part) {
+[[maybe_unused]] std::vector<std::string> ShmObjectsWith(const std::string& part) {
     std::vector<std::string> names;
     if (DIR* dir = opendir("/dev/shm")) {
         while (const dirent* entry = readdir(dir)) {
@@ -222,8 +222,11 @@ TEST(TraceRegistryUpdate, AKilledProducerIsFreedAndLeavesNothingBehind) {
     ASSERT_TRUE(WaitForAllUpdates());
     const int32_t id = producer.ConsumerID();
     ASSERT_GE(id, 0);
-    // This consumer now holds the dead producer's memory.
+    // This consumer now holds the dead producer's memory. (Windows keeps no list of the objects
+    // to look at: they vanish with their last handle.)
+#ifndef _WIN32
     ASSERT_FALSE(ShmObjectsWith("Killed").empty());
+#endif
 
     ASSERT_EQ(kill(producer.pid, SIGKILL), 0);
     ASSERT_EQ(WaitChild(producer.pid), 128 + SIGKILL);
@@ -232,5 +235,7 @@ TEST(TraceRegistryUpdate, AKilledProducerIsFreedAndLeavesNothingBehind) {
     // The cycle that told the listeners lets go of the buffer after them.
     ASSERT_TRUE(WaitForAllUpdates());
     EXPECT_EQ(Registry().GetConsumerBuffer(id), nullptr);
+#ifndef _WIN32
     EXPECT_EQ(ShmObjectsWith("Killed"), std::vector<std::string>{});
+#endif
 }

@@ -1,18 +1,33 @@
 #include "TestSupport.h"
 
 #include <gtest/gtest.h>
+#ifdef _WIN32
+#include <windows.h>
+#else
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#endif
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cwchar>
 #include <map>
+#include <mutex>
+#include <string_view>
 #include <thread>
 
+#include "platform/ExecutablePath.h"
+#include "platform/Process.h"
+#include "platform/SharedMemory.h"
+#include "platform/TextConversion.h"
+
+#ifndef _WIN32
 extern char** environ;
+#endif
 
 namespace Tracing::Test {
 namespace {
@@ -40,9 +55,191 @@ bool RegisterChildRole(const char* name, ChildRole role) {
     return true;
 }
 
-pid_t SpawnChild(const std::string& role, const std::vector<std::string>& args) {
-    return SpawnChildExecutable("/proc/self/exe", role, args);
+bool ShmExists(const std::string& key) {
+#ifdef _WIN32
+    HANDLE mapping = ::OpenFileMappingA(FILE_MAP_READ, FALSE, key.c_str());
+    if (mapping != nullptr)
+        ::CloseHandle(mapping);
+    return mapping != nullptr;
+#else
+    return ::access(Platform::SharedMemoryPath(key).c_str(), F_OK) == 0;
+#endif
 }
+
+uint64_t MappedSize(uint64_t size) {
+#ifdef _WIN32
+    return (size + 4095) / 4096 * 4096;
+#else
+    return size;
+#endif
+}
+
+std::string SelfExecutable() {
+    return Platform::ExecutableFilePath();
+}
+
+pid_t SpawnChild(const std::string& role, const std::vector<std::string>& args) {
+    return SpawnChildExecutable(SelfExecutable(), role, args);
+}
+
+#ifdef _WIN32
+
+namespace {
+
+std::mutex& ChildrenMutex() {
+    static std::mutex mutex;
+    return mutex;
+}
+
+// Process handles of the children not yet waited for.
+std::map<pid_t, HANDLE>& Children() {
+    static std::map<pid_t, HANDLE> children;
+    return children;
+}
+
+HANDLE TakeChild(pid_t pid) {
+    std::lock_guard<std::mutex> lock(ChildrenMutex());
+    auto it = Children().find(pid);
+    if (it == Children().end())
+        return nullptr;
+    HANDLE process = it->second;
+    Children().erase(it);
+    return process;
+}
+
+HANDLE FindChild(pid_t pid) {
+    std::lock_guard<std::mutex> lock(ChildrenMutex());
+    auto it = Children().find(pid);
+    return it == Children().end() ? nullptr : it->second;
+}
+
+// One argument as the C runtime splits command lines: quoted, with backslashes doubled before quotes.
+void AppendArgument(std::wstring& line, const std::wstring& argument) {
+    line += L'"';
+    std::size_t backslashes = 0;
+    for (wchar_t c : argument) {
+        if (c == L'\\') {
+            ++backslashes;
+            continue;
+        }
+        if (c == L'"')
+            line.append(2 * backslashes + 1, L'\\');
+        else
+            line.append(backslashes, L'\\');
+        backslashes = 0;
+        line += c;
+    }
+    line.append(2 * backslashes, L'\\');
+    line += L'"';
+}
+
+std::wstring Wide(const std::string& text) {
+    return Platform::Utf8ToWide(text.data(), text.size());
+}
+
+}  // namespace
+
+pid_t SpawnChildExecutable(const std::string& executable, const std::string& role,
+                           const std::vector<std::string>& args) {
+    const std::wstring path = Wide(executable);
+    std::wstring commandLine;
+    AppendArgument(commandLine, path);
+    for (const std::string& a : args) {
+        commandLine += L' ';
+        AppendArgument(commandLine, Wide(a));
+    }
+    // This environment, with the role variable replaced.
+    const std::wstring roleVariable = Wide(kRoleVariable) + L"=";
+    std::wstring environment;
+    if (wchar_t* block = ::GetEnvironmentStringsW()) {
+        for (const wchar_t* entry = block; *entry != L'\0'; entry += std::wcslen(entry) + 1) {
+            if (std::wstring_view(entry).substr(0, roleVariable.size()) != roleVariable)
+                environment.append(entry).push_back(L'\0');
+        }
+        ::FreeEnvironmentStringsW(block);
+    }
+    environment.append(roleVariable + Wide(role)).push_back(L'\0');
+    environment.push_back(L'\0');
+
+    STARTUPINFOW startup{};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION info{};
+    if (!::CreateProcessW(path.c_str(), commandLine.data(), nullptr, nullptr, FALSE,
+                          CREATE_UNICODE_ENVIRONMENT, environment.data(), nullptr, &startup, &info))
+        return -1;
+    ::CloseHandle(info.hThread);
+    const pid_t pid = static_cast<pid_t>(info.dwProcessId);
+    std::lock_guard<std::mutex> lock(ChildrenMutex());
+    Children()[pid] = info.hProcess;
+    return pid;
+}
+
+int WaitChild(pid_t pid) {
+    HANDLE process = TakeChild(pid);
+    if (process == nullptr)
+        return -1;
+    DWORD code = 0;
+    const bool ended =
+        ::WaitForSingleObject(process, INFINITE) == WAIT_OBJECT_0 && ::GetExitCodeProcess(process, &code);
+    ::CloseHandle(process);
+    return ended ? static_cast<int>(code) : -1;
+}
+
+namespace Windows {
+
+int Kill(pid_t pid, int signal) {
+    HANDLE process = FindChild(pid);
+    HANDLE opened = nullptr;
+    if (process == nullptr)
+        process = opened = ::OpenProcess(PROCESS_TERMINATE, FALSE, static_cast<DWORD>(pid));
+    const bool killed =
+        process != nullptr && ::TerminateProcess(process, 128 + static_cast<unsigned>(signal));
+    if (opened != nullptr)
+        ::CloseHandle(opened);
+    return killed ? 0 : -1;
+}
+
+pid_t WaitPid(pid_t pid, int* status, int options) {
+    HANDLE process = FindChild(pid);
+    if (process == nullptr)
+        return -1;
+    if (::WaitForSingleObject(process, (options & WNOHANG) != 0 ? 0 : INFINITE) != WAIT_OBJECT_0)
+        return 0;
+    DWORD code = 0;
+    ::GetExitCodeProcess(process, &code);
+    if (status != nullptr)
+        *status = static_cast<int>((code & 0xFF) << 8);
+    ::CloseHandle(TakeChild(pid));
+    return pid;
+}
+
+char* MakeTemporaryDirectory(char* pattern) {
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        std::string candidate(pattern);
+        const std::size_t x = candidate.rfind("XXXXXX");
+        if (x == std::string::npos || x + 6 != candidate.size())
+            return nullptr;
+        static unsigned counter = 0;
+        std::snprintf(candidate.data() + x, 7, "%06u",
+                      static_cast<unsigned>((::GetCurrentProcessId() * 7919u + counter++) % 1000000u));
+        if (::CreateDirectoryA(candidate.c_str(), nullptr)) {
+            std::copy(candidate.begin(), candidate.end(), pattern);
+            return pattern;
+        }
+        if (::GetLastError() != ERROR_ALREADY_EXISTS)
+            return nullptr;
+    }
+    return nullptr;
+}
+
+void SleepForever() {
+    for (;;)
+        ::Sleep(INFINITE);
+}
+
+}  // namespace Windows
+
+#else
 
 pid_t SpawnChildExecutable(const std::string& executable, const std::string& role,
                            const std::vector<std::string>& args) {
@@ -83,6 +280,8 @@ int WaitChild(pid_t pid) {
     return -1;
 }
 
+#endif
+
 bool WaitFor(const std::function<bool()>& condition, int timeoutMs) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     while (!condition()) {
@@ -109,8 +308,16 @@ int main(int argc, char** argv) {
         std::vector<std::string> args(argv + 1, argv + argc);
         return it->second(args);
     }
+#ifdef _WIN32
+    // Copies of this binary elsewhere find the library and the runtime DLLs beside the original.
+    const std::string self = SelfExecutable();
+    const char* path = std::getenv("PATH");
+    const std::string directory = self.substr(0, self.find_last_of('\\'));
+    _putenv_s("PATH", (directory + ";" + (path != nullptr ? path : "")).c_str());
+#endif
     // Set before anything reads the configuration, so no test meets another's shared memory.
-    PrefixStorage() = std::string(PAXLTRACE_TEST_PREFIX) + std::to_string(getpid());
+    PrefixStorage() =
+        std::string(PAXLTRACE_TEST_PREFIX) + std::to_string(Tracing::Platform::CurrentProcessId());
     setenv("TRACE_PREFIX", PrefixStorage().c_str(), 1);
     testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();

@@ -4,9 +4,12 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <vector>
+
+#include "WindowsCompat.h"
 
 namespace Tracing::Test {
 
@@ -17,6 +20,16 @@ using ChildRole = std::function<int(const std::vector<std::string>& args)>;
 
 // Registers a role that a child started by SpawnChild can take; use PAXLTRACE_CHILD_ROLE.
 bool RegisterChildRole(const char* name, ChildRole role);
+
+// True when a block of shared memory with this key exists on the system.
+bool ShmExists(const std::string& key);
+
+// The size an opener of a block created with `size` bytes maps: the size itself, or whole pages
+// where the system keeps no exact size (Windows).
+uint64_t MappedSize(uint64_t size);
+
+// The full path of this test binary.
+std::string SelfExecutable();
 
 // Starts this test binary again as a child running `role` with `args`; returns its pid.
 pid_t SpawnChild(const std::string& role, const std::vector<std::string>& args = {});

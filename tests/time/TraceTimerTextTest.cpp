@@ -14,8 +14,13 @@ namespace {
 
 // Each test runs in its own process, so the zone can be set before anything reads it.
 void UseTimeZone(const char* zone) {
+#ifdef _WIN32
+    _putenv_s("TZ", zone);
+    _tzset();
+#else
     setenv("TZ", zone, 1);
     tzset();
+#endif
 }
 
 constexpr uint64_t Units = 10000000;  // per second
@@ -111,6 +116,9 @@ TEST(TraceTimerText, ParseTellsTheModeFromTheFraction) {
 
 TEST(TraceTimerText, ParseReadsLocalTime) {
     // Central Europe: UTC+1 in winter, UTC+2 in summer.
+#ifdef _WIN32
+    GTEST_SKIP() << "the C runtime's TZ has no rules for the change of summer time";
+#endif
     UseTimeZone("CET-1CEST,M3.5.0,M10.5.0/3");
     TimestampMode::Type mode;
     EXPECT_EQ(TraceTimer::Parse("2024.07.01 12:00:00.000", mode), 1719828000ULL * Units);
