@@ -57,6 +57,12 @@ uint64_t AddressOf(const void* object) {
     return static_cast<uint64_t>(reinterpret_cast<uintptr_t>(object));
 }
 
+void ReportUnregistered(int32_t id) {
+    if (BufferReportsWanted())
+        ReportBuffer(Severity::Verbose,
+                     TraceMessage("Buffer unregistered successfully: BufferID: %1.").Add(id));
+}
+
 // The (un)registration of a listener; %1 is its address.
 void ReportListener(const char* text, const void* listener) {
     if (BufferReportsWanted())
@@ -793,9 +799,7 @@ TraceRegistry::ErrorType TraceRegistry::UnregisterBuffer(TraceBuffer* buffer) {
             m_data->DeactivateItem(id);
         }
         IncChangeCounterForBufferChange();
-        if (BufferReportsWanted())
-            ReportBuffer(Severity::Verbose,
-                         TraceMessage("Buffer unregistered successfully: BufferID: %1.").Add(id));
+        ReportUnregistered(id);
     }
     FireBuffersDeleted({id});
     if (BufferReportsWanted())
@@ -1132,9 +1136,7 @@ void TraceRegistry::FreeItemsOfEarlierProcess() {
         if (!freed)
             continue;
         (block == m_serviceData ? service : local) = true;
-        if (BufferReportsWanted())
-            ReportBuffer(Severity::Verbose,
-                         TraceMessage("Buffer unregistered successfully: BufferID: %1.").Add(id));
+        ReportUnregistered(id);
     }
     // Again, now that the items are gone: a consumer that polled during the wait saw no change.
     if (service)
@@ -1188,9 +1190,7 @@ void TraceRegistry::Update() {
                     IncServiceChangeCounterForBufferChange();
                 else
                     IncChangeCounterForBufferChange();
-                if (BufferReportsWanted())
-                    ReportBuffer(Severity::Verbose,
-                                 TraceMessage("Buffer unregistered successfully: BufferID: %1.").Add(id));
+                ReportUnregistered(id);
                 freedIDs.push_back(id);
             }
             for (const int32_t id : freedIDs)
@@ -1334,9 +1334,7 @@ void TraceRegistry::CheckProcesses(bool fullCheck) {
         for (const int32_t id : dead) {
             BlockOf(id)->DeactivateItem(id);
             m_knownItems.erase(id);
-            if (BufferReportsWanted())
-                ReportBuffer(Severity::Verbose,
-                             TraceMessage("Buffer unregistered successfully: BufferID: %1.").Add(id));
+            ReportUnregistered(id);
         }
     }
     // Without this the consumers (this one included) would keep the buffers until the next change.

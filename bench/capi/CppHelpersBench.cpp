@@ -89,11 +89,5 @@ BENCHMARK(RawCFilteredOut)->Repetitions(5)->ReportAggregatesOnly(true);
 BENCHMARK(HelperMacroFilteredOut)->Repetitions(5)->ReportAggregatesOnly(true);
 
 int main(int argc, char** argv) {
-    Tracing::Bench::UseOwnPrefix();
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
+    return Tracing::Bench::RunAll(argc, argv);
 }

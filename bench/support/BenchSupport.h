@@ -18,6 +18,17 @@ inline void UseOwnPrefix() {
     setenv("TRACE_PREFIX", prefix.c_str(), 1);
 }
 
+// The whole main of a benchmark program that prints no ratios.
+inline int RunAll(int argc, char** argv) {
+    UseOwnPrefix();
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+        return 1;
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}
+
 // Keeps the median CPU time per call of every benchmark, by "name/threads".
 class RatioReporter : public benchmark::ConsoleReporter {
 public:
