@@ -11,7 +11,10 @@ long CurrentProcess();
 // Whether standard output is a terminal (colours are only written to one).
 bool StdoutIsTerminal();
 
-// SIGINT and SIGTERM set a flag instead of ending the process, so output can be flushed.
+// A request to stop sets a flag instead of ending the process, so output can be flushed: SIGINT
+// and SIGTERM; on Windows the console's Ctrl-C, Ctrl-Break and close, and the event
+// "Local\paxltrace stop <process ID>" being set (how StopChild and scripts stop a process that
+// has no console).
 void InstallStopHandler();
 bool StopRequested();
 // Sleeps up to milliseconds, returning early once a stop was requested.

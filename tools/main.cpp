@@ -8,6 +8,8 @@ int main(int argc, char** argv) {
     CLI::App app("paxltrace - machine-wide tracing: list buffers, tail traces, change filters, load profiles",
                  "paxltrace");
     app.require_subcommand(1);
+    // Options start with '-' on every system: "/path/file" is a file, also on Windows.
+    app.allow_windows_style_options(false);
     app.footer(
         "Exit codes: 0 success, 1 runtime failure (e.g. buffer not found), 2 bad arguments or file.\n"
         "Shared memory names follow TRACE_PREFIX from the environment.");

@@ -2,8 +2,11 @@
 
 #include <gtest/gtest.h>
 #ifdef _WIN32
+#include <fcntl.h>
+#include <io.h>
 #include <windows.h>
 #else
+#include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -82,6 +85,13 @@ pid_t SpawnChild(const std::string& role, const std::vector<std::string>& args) 
     return SpawnChildExecutable(SelfExecutable(), role, args);
 }
 
+pid_t SpawnChildExecutable(const std::string& executable, const std::string& role,
+                           const std::vector<std::string>& args) {
+    ProcessOptions options;
+    options.environment.push_back(std::string(kRoleVariable) + "=" + role);
+    return StartProcess(executable, args, options);
+}
+
 #ifdef _WIN32
 
 namespace {
@@ -137,10 +147,33 @@ std::wstring Wide(const std::string& text) {
     return Platform::Utf8ToWide(text.data(), text.size());
 }
 
+// Environment names compare without case on Windows.
+bool SameVariable(std::wstring_view entry, std::wstring_view assignment) {
+    const std::size_t equals = assignment.find(L'=');
+    return entry.size() > equals && entry[equals] == L'=' &&
+           ::CompareStringOrdinal(entry.data(), static_cast<int>(equals), assignment.data(),
+                                  static_cast<int>(equals), TRUE) == CSTR_EQUAL;
+}
+
+// A handle the child inherits: a file of ours, or the null device.
+HANDLE InheritableFile(const std::string& path, bool write) {
+    SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
+    return ::CreateFileW(path.empty() ? L"NUL" : Wide(path).c_str(), write ? GENERIC_WRITE : GENERIC_READ,
+                         FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, &inherit,
+                         write ? CREATE_ALWAYS : OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+}
+
+HANDLE InheritableCopy(HANDLE handle) {
+    HANDLE copy = nullptr;
+    ::DuplicateHandle(::GetCurrentProcess(), handle, ::GetCurrentProcess(), &copy, 0, TRUE,
+                      DUPLICATE_SAME_ACCESS);
+    return copy;
+}
+
 }  // namespace
 
-pid_t SpawnChildExecutable(const std::string& executable, const std::string& role,
-                           const std::vector<std::string>& args) {
+pid_t StartProcess(const std::string& executable, const std::vector<std::string>& args,
+                   const ProcessOptions& options, int* input) {
     const std::wstring path = Wide(executable);
     std::wstring commandLine;
     AppendArgument(commandLine, path);
@@ -148,25 +181,59 @@ pid_t SpawnChildExecutable(const std::string& executable, const std::string& rol
         commandLine += L' ';
         AppendArgument(commandLine, Wide(a));
     }
-    // This environment, with the role variable replaced.
-    const std::wstring roleVariable = Wide(kRoleVariable) + L"=";
+    std::vector<std::wstring> extra;
+    for (const std::string& e : options.environment)
+        extra.push_back(Wide(e));
     std::wstring environment;
     if (wchar_t* block = ::GetEnvironmentStringsW()) {
         for (const wchar_t* entry = block; *entry != L'\0'; entry += std::wcslen(entry) + 1) {
-            if (std::wstring_view(entry).substr(0, roleVariable.size()) != roleVariable)
+            if (std::none_of(extra.begin(), extra.end(),
+                             [&](const std::wstring& e) { return SameVariable(entry, e); }))
                 environment.append(entry).push_back(L'\0');
         }
         ::FreeEnvironmentStringsW(block);
     }
-    environment.append(roleVariable + Wide(role)).push_back(L'\0');
+    for (const std::wstring& e : extra)
+        environment.append(e).push_back(L'\0');
     environment.push_back(L'\0');
 
     STARTUPINFOW startup{};
     startup.cb = sizeof startup;
+    HANDLE inputWrite = nullptr;
+    const bool redirect = options.withInput || !options.output.empty() || !options.error.empty();
+    // Inheritable handles go to every child started meanwhile: one start at a time.
+    static std::mutex startMutex;
+    std::lock_guard<std::mutex> startLock(startMutex);
+    if (redirect) {
+        startup.dwFlags = STARTF_USESTDHANDLES;
+        if (options.withInput) {
+            SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
+            if (!::CreatePipe(&startup.hStdInput, &inputWrite, &inherit, 0))
+                return -1;
+            ::SetHandleInformation(inputWrite, HANDLE_FLAG_INHERIT, 0);
+        } else {
+            startup.hStdInput = InheritableFile("", false);
+        }
+        startup.hStdOutput = options.output.empty() ? InheritableCopy(::GetStdHandle(STD_OUTPUT_HANDLE))
+                                                    : InheritableFile(options.output, true);
+        startup.hStdError = options.error.empty() ? InheritableCopy(::GetStdHandle(STD_ERROR_HANDLE))
+                                                  : InheritableFile(options.error, true);
+    }
     PROCESS_INFORMATION info{};
-    if (!::CreateProcessW(path.c_str(), commandLine.data(), nullptr, nullptr, FALSE,
-                          CREATE_UNICODE_ENVIRONMENT, environment.data(), nullptr, &startup, &info))
+    const bool started =
+        ::CreateProcessW(path.c_str(), commandLine.data(), nullptr, nullptr, redirect,
+                         CREATE_UNICODE_ENVIRONMENT, environment.data(), nullptr, &startup, &info);
+    for (HANDLE handle : {startup.hStdInput, startup.hStdOutput, startup.hStdError}) {
+        if (handle != nullptr && handle != INVALID_HANDLE_VALUE)
+            ::CloseHandle(handle);
+    }
+    if (!started) {
+        if (inputWrite != nullptr)
+            ::CloseHandle(inputWrite);
         return -1;
+    }
+    if (input != nullptr && inputWrite != nullptr)
+        *input = _open_osfhandle(reinterpret_cast<intptr_t>(inputWrite), _O_WRONLY | _O_BINARY);
     ::CloseHandle(info.hThread);
     const pid_t pid = static_cast<pid_t>(info.dwProcessId);
     std::lock_guard<std::mutex> lock(ChildrenMutex());
@@ -241,8 +308,8 @@ void SleepForever() {
 
 #else
 
-pid_t SpawnChildExecutable(const std::string& executable, const std::string& role,
-                           const std::vector<std::string>& args) {
+pid_t StartProcess(const std::string& executable, const std::vector<std::string>& args,
+                   const ProcessOptions& options, int* input) {
     std::vector<std::string> argvStrings{executable};
     argvStrings.insert(argvStrings.end(), args.begin(), args.end());
     std::vector<char*> argv;
@@ -250,21 +317,50 @@ pid_t SpawnChildExecutable(const std::string& executable, const std::string& rol
         argv.push_back(a.data());
     argv.push_back(nullptr);
 
+    auto sameVariable = [](std::string_view entry, std::string_view assignment) {
+        const std::size_t equals = assignment.find('=');
+        return entry.substr(0, equals + 1) == assignment.substr(0, equals + 1);
+    };
     std::vector<std::string> envStrings;
     for (char** e = environ; *e != nullptr; ++e) {
-        if (std::string(*e).rfind(kRoleVariable, 0) != 0)
+        if (std::none_of(options.environment.begin(), options.environment.end(),
+                         [&](const std::string& extra) { return sameVariable(*e, extra); }))
             envStrings.emplace_back(*e);
     }
-    envStrings.push_back(std::string(kRoleVariable) + "=" + role);
+    envStrings.insert(envStrings.end(), options.environment.begin(), options.environment.end());
     std::vector<char*> envp;
     for (auto& e : envStrings)
         envp.push_back(e.data());
     envp.push_back(nullptr);
 
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    int pipeEnds[2] = {-1, -1};
+    if (options.withInput) {
+        if (pipe2(pipeEnds, O_CLOEXEC) != 0)
+            return -1;
+        posix_spawn_file_actions_adddup2(&actions, pipeEnds[0], 0);
+    } else if (!options.output.empty() || !options.error.empty()) {
+        posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+    }
+    if (!options.output.empty())
+        posix_spawn_file_actions_addopen(&actions, 1, options.output.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                         0644);
+    if (!options.error.empty())
+        posix_spawn_file_actions_addopen(&actions, 2, options.error.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                         0644);
     pid_t pid = -1;
-    if (posix_spawn(&pid, executable.c_str(), nullptr, nullptr, argv.data(), envp.data()) != 0)
-        return -1;
-    return pid;
+    const bool started =
+        posix_spawn(&pid, executable.c_str(), &actions, nullptr, argv.data(), envp.data()) == 0;
+    posix_spawn_file_actions_destroy(&actions);
+    if (options.withInput) {
+        close(pipeEnds[0]);
+        if (started && input != nullptr)
+            *input = pipeEnds[1];
+        else
+            close(pipeEnds[1]);
+    }
+    return started ? pid : -1;
 }
 
 int WaitChild(pid_t pid) {

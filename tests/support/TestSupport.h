@@ -38,6 +38,19 @@ pid_t SpawnChild(const std::string& role, const std::vector<std::string>& args =
 pid_t SpawnChildExecutable(const std::string& executable, const std::string& role,
                            const std::vector<std::string>& args = {});
 
+// How StartProcess starts a program.
+struct ProcessOptions {
+    std::vector<std::string> environment;  // "NAME=value" entries set over this process's
+    std::string output, error;             // files for standard output and error; empty: ours
+    bool withInput = false;                // a pipe to standard input; else the null device
+};
+
+// Starts `executable` with `args`; returns its pid, or -1. With options.withInput, *input is the
+// write end of the child's standard input (close it to end the input). The child inherits nothing
+// else of this process's files.
+pid_t StartProcess(const std::string& executable, const std::vector<std::string>& args,
+                   const ProcessOptions& options = {}, int* input = nullptr);
+
 // Waits for a child; returns its exit code, or 128 + signal number when it was killed.
 int WaitChild(pid_t pid);
 

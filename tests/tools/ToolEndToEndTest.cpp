@@ -1,10 +1,11 @@
 // The paxltrace binary against real producer processes (its own demo producers).
-#include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
+#ifdef _WIN32
+#include <windows.h>
+#endif
 
 #include <fstream>
 #include <set>
@@ -12,8 +13,6 @@
 
 #include "TestSupport.h"
 #include "Trace/Records/CsvField.h"
-
-extern char** environ;
 
 namespace Tracing::Tool {
 namespace {
@@ -41,24 +40,27 @@ protected:
 
     // Starts the tool with stdout and stderr in files; it is stopped at the end of the test.
     pid_t Start(const std::vector<std::string>& args, const std::string& outPath) {
-        std::vector<std::string> all{PAXLTRACE_TOOL_PATH};
-        all.insert(all.end(), args.begin(), args.end());
-        std::vector<char*> argv;
-        for (std::string& arg : all) {
-            argv.push_back(arg.data());
-        }
-        argv.push_back(nullptr);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 1, outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        const std::string errPath = outPath + ".err";
-        m_files.push_back(errPath);
-        posix_spawn_file_actions_addopen(&actions, 2, errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        pid_t pid = -1;
-        EXPECT_EQ(posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ), 0);
-        posix_spawn_file_actions_destroy(&actions);
+        Tracing::Test::ProcessOptions options;
+        options.output = outPath;
+        options.error = outPath + ".err";
+        m_files.push_back(options.error);
+        const pid_t pid = Tracing::Test::StartProcess(PAXLTRACE_TOOL_PATH, args, options);
+        EXPECT_GT(pid, 0);
         m_running.insert(pid);
         return pid;
+    }
+
+    // Asks the tool to stop as Ctrl-C would; it then flushes and exits normally.
+    static void RequestStop(pid_t pid) {
+#ifdef _WIN32
+        const std::wstring name = L"Local\\paxltrace stop " + std::to_wstring(pid);
+        HANDLE event = ::OpenEventW(EVENT_MODIFY_STATE, FALSE, name.c_str());
+        ASSERT_NE(event, nullptr);
+        ::SetEvent(event);
+        ::CloseHandle(event);
+#else
+        kill(pid, SIGTERM);
+#endif
     }
 
     int Wait(pid_t pid) {
@@ -184,7 +186,7 @@ TEST_F(ToolTest, LoadedProfilePresetsProducersStartedLater) {
     EXPECT_NE(out.find("[host.\"\".application."), std::string::npos) << out;
     EXPECT_NE(out.find("flags = { IO = false, Retry = true }"), std::string::npos) << out;
 
-    kill(loader, SIGTERM);
+    RequestStop(loader);
     EXPECT_EQ(Wait(loader), 0);
 
     const std::string bad = TempFile("bad.toml");
