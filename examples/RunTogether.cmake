@@ -1,8 +1,9 @@
 # Runs the consumer for two seconds while a producer writes, side by side (a pipeline runs its
 # commands at the same time; the consumer never reads the producer's output).
+string(REPLACE "|" ";" emulator "${EMULATOR}")
 execute_process(
-  COMMAND ${PRODUCER} RunTogether Example 2000 2 --pace 4
-  COMMAND ${CONSUMER} --duration 2
+  COMMAND ${emulator} ${PRODUCER} RunTogether Example 2000 2 --pace 4
+  COMMAND ${emulator} ${CONSUMER} --duration 2
   RESULTS_VARIABLE results
   OUTPUT_VARIABLE output
   ERROR_VARIABLE errors)

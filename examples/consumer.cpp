@@ -1,10 +1,11 @@
 // Example consumer: prints every trace of every buffer on this machine as it arrives.
 //
-//   consumer [--csv] [--duration SECONDS] [--max-traces N]
+//   consumer [--csv] [--duration SECONDS] [--max-traces N] [--until-eof]
 //
 // Traces go to standard output (log lines, or CSV lines with --csv); "consumer ready" and the
 // buffers that come and go are reported on standard error. Runs until the duration has passed
-// (0: no limit) or an interrupt arrives.
+// (0: no limit) or an interrupt arrives, or with --until-eof until its standard input ends (how
+// a script stops it where no console sends Ctrl-C).
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -27,10 +28,12 @@
 
 namespace {
 
-volatile std::sig_atomic_t g_stop = 0;
+// Lock-free, so a signal handler may set it too.
+std::atomic<bool> g_stop{false};
+static_assert(std::atomic<bool>::is_always_lock_free);
 
 void OnSignal(int) {
-    g_stop = 1;
+    g_stop.store(true);
 }
 
 // One whole line at a time: the updater thread reports buffers while main reports its own state.
@@ -84,7 +87,7 @@ private:
 };
 
 int Usage() {
-    Say("usage: consumer [--csv] [--duration SECONDS] [--max-traces N]");
+    Say("usage: consumer [--csv] [--duration SECONDS] [--max-traces N] [--until-eof]");
     return 2;
 }
 
@@ -94,6 +97,7 @@ int main(int argc, char** argv) {
     bool csv = false;
     double duration = 0;
     unsigned maxTraces = 0;
+    bool untilEof = false;
     for (int i = 1; i < argc; ++i) {
         if (std::strcmp(argv[i], "--csv") == 0)
             csv = true;
@@ -101,11 +105,21 @@ int main(int argc, char** argv) {
             duration = std::atof(argv[++i]);
         else if (std::strcmp(argv[i], "--max-traces") == 0 && i + 1 < argc)
             maxTraces = static_cast<unsigned>(std::strtoul(argv[++i], nullptr, 10));
+        else if (std::strcmp(argv[i], "--until-eof") == 0)
+            untilEof = true;
         else
             return Usage();
     }
     std::signal(SIGINT, OnSignal);
     std::signal(SIGTERM, OnSignal);
+    if (untilEof) {
+        // Left blocked in the read when the consumer ends otherwise; the exit takes it along.
+        std::thread([] {
+            for (std::string line; std::getline(std::cin, line);) {
+            }
+            g_stop.store(true);
+        }).detach();
+    }
 
     Printer printer(csv);
     BufferWatcher watcher;
@@ -128,7 +142,7 @@ int main(int argc, char** argv) {
         Say("consumer ready");
 
         const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(duration);
-        while (g_stop == 0 && (duration <= 0 || std::chrono::steady_clock::now() < end))
+        while (!g_stop.load() && (duration <= 0 || std::chrono::steady_clock::now() < end))
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
 
         reader.UnregisterEventListener(printer);

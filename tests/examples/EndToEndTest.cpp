@@ -1,10 +1,10 @@
 // The example producer (C) and consumer as real processes: what the producers write is what the
 // consumer prints, across overflows, killed producers and filter changes from either side.
-#include <dirent.h>
-#include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <unistd.h>
+#ifndef _WIN32
+#include <dirent.h>
+#endif
 
 #include <gtest/gtest.h>
 
@@ -25,8 +25,6 @@
 #include "Trace/Buffer/TraceBuffer.h"
 #include "Trace/Records/CsvField.h"
 #include "Trace/Registry/TraceRegistry.h"
-
-extern char** environ;
 
 namespace Tracing {
 namespace {
@@ -96,7 +94,9 @@ std::string SequenceLine() {
 class EndToEndTest : public ::testing::Test {
 protected:
     void SetUp() override {
+#ifdef SIGPIPE
         signal(SIGPIPE, SIG_IGN);  // a dead child must fail the test, not end it
+#endif
         // Nothing may outlive a hung test: every child is killed after the timeout.
         m_watchdog = std::thread([this] {
             std::unique_lock lock(m_mutex);
@@ -122,7 +122,7 @@ protected:
             unlink(file.c_str());
     }
 
-    Child Start(const char* executable, std::vector<std::string> args,
+    Child Start(const char* executable, const std::vector<std::string>& args,
                 const std::vector<std::string>& extraEnvironment = {}, bool withInput = false) {
         Child child;
         const std::string base = ::testing::TempDir() + "paxltrace_e2e_" + std::to_string(getpid()) + "_" +
@@ -130,38 +130,11 @@ protected:
         child.out = base + ".out";
         child.err = base + ".err";
         m_files.insert(m_files.end(), {child.out, child.err});
-
-        args.insert(args.begin(), executable);
-        std::vector<char*> argv;
-        for (std::string& arg : args)
-            argv.push_back(arg.data());
-        argv.push_back(nullptr);
-        std::vector<std::string> environment(extraEnvironment);
-        for (char** e = environ; *e != nullptr; ++e)
-            environment.emplace_back(*e);
-        std::vector<char*> envp;
-        for (std::string& e : environment)
-            envp.push_back(e.data());
-        envp.push_back(nullptr);
-
-        int pipeEnds[2] = {-1, -1};
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        if (withInput) {
-            EXPECT_EQ(pipe2(pipeEnds, O_CLOEXEC), 0);
-            posix_spawn_file_actions_adddup2(&actions, pipeEnds[0], 0);
-        } else {
-            posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-        }
-        posix_spawn_file_actions_addopen(&actions, 1, child.out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        posix_spawn_file_actions_addopen(&actions, 2, child.err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        Tracing::Test::ProcessOptions options{extraEnvironment, child.out, child.err, withInput};
         std::lock_guard lock(m_mutex);
-        EXPECT_EQ(posix_spawn(&child.pid, executable, &actions, nullptr, argv.data(), envp.data()), 0);
-        posix_spawn_file_actions_destroy(&actions);
-        if (withInput) {
-            close(pipeEnds[0]);
-            child.input = pipeEnds[1];
-        }
+        child.pid =
+            Tracing::Test::StartProcess(executable, args, options, withInput ? &child.input : nullptr);
+        EXPECT_GT(child.pid, 0) << executable;
         m_running.insert(child.pid);
         return child;
     }
@@ -188,7 +161,7 @@ protected:
     }
 
     Child StartConsumer() {
-        Child consumer = Start(PAXLTRACE_CONSUMER, {"--csv"});
+        Child consumer = Start(PAXLTRACE_CONSUMER, {"--csv", "--until-eof"}, {}, true);
         EXPECT_TRUE(WaitForText(consumer.err, "consumer ready\n")) << ReadFile(consumer.err);
         return consumer;
     }
@@ -214,12 +187,12 @@ protected:
         return producer;
     }
 
-    // Stops the consumer once the buffers are gone (their last traces are then delivered).
+    // Stops the consumer, by ending its input, once the buffers are gone (their last traces are
+    // then delivered).
     void StopConsumer(Child& consumer, const std::vector<int>& bufferIDs) {
         for (int id : bufferIDs)
             EXPECT_TRUE(WaitForText(consumer.err, "buffer deleted " + std::to_string(id) + "\n"))
                 << ReadFile(consumer.err);
-        kill(consumer.pid, SIGINT);
         EXPECT_EQ(Wait(consumer), 0) << ReadFile(consumer.err);
     }
 
@@ -231,17 +204,27 @@ protected:
     std::vector<std::string> m_files;
 };
 
-// Shared-memory objects of this test whose name contains `part`.
-std::vector<std::string> ShmObjects(const std::string& part) {
+// The shared memory of a producer's buffer that is still there.
+std::vector<std::string> BufferObjectsLeft(pid_t producer, const std::string& subsystem) {
     std::vector<std::string> found;
+#ifdef _WIN32
+    // An object goes with its last handle; what could stay is a handle on the buffer's block.
+    std::string key;
+    TraceBuffer::GetSHMName(key, producer, TraceBuffer::HostName_Local, subsystem.c_str(), false);
+    if (Test::ShmExists(key))
+        found.push_back(key);
+#else
+    const std::string pid = "_" + std::to_string(producer) + "_";
     if (DIR* dir = opendir("/dev/shm")) {
         while (dirent* entry = readdir(dir)) {
             const std::string name = entry->d_name;
-            if (name.find(Test::ShmPrefix()) != std::string::npos && name.find(part) != std::string::npos)
+            if (name.find(Test::ShmPrefix()) != std::string::npos && name.find(pid) != std::string::npos &&
+                name.find(subsystem) != std::string::npos)
                 found.push_back(name);
         }
         closedir(dir);
     }
+#endif
     return found;
 }
 
@@ -358,10 +341,11 @@ TEST_F(EndToEndTest, KilledProducerKeepsEveryCompletedTraceAndLeavesNothing) {
 
     // The dead-process search frees its registry item, then the consumer lets go of the buffer.
     EXPECT_TRUE(WaitForText(consumer.err, "buffer deleted " + std::to_string(bufferID) + "\n"));
-    EXPECT_TRUE(WaitFor([] { return ShmObjects("E2E_Victim").empty(); }, TimeoutMs))
-        << ShmObjects("E2E_Victim").size() << " objects left";
+    const pid_t victim = producer.pid;
+    EXPECT_TRUE(WaitFor([&] { return BufferObjectsLeft(victim, "E2E_Victim").empty(); }, TimeoutMs))
+        << BufferObjectsLeft(victim, "E2E_Victim").size() << " objects left";
     StopConsumer(consumer, {});
-    EXPECT_TRUE(ShmObjects("E2E_Victim").empty());
+    EXPECT_TRUE(BufferObjectsLeft(victim, "E2E_Victim").empty());
 
     std::set<int> seen;
     for (const Row& row : ParseCsv(consumer.out)) {
