@@ -307,8 +307,13 @@ TEST(CreationGuardWindows, OneHolderAtATimeReleasedWhenItsHolderIsKilled) {
     const std::string marker =
         (std::filesystem::temp_directory_path() / (ShmPrefix() + "GuardMarker")).string();
     const pid_t child = SpawnChild("WinGuardHoldUntilKilled", {name, marker});
-    ASSERT_TRUE(WaitFor([&] { return std::filesystem::exists(marker); }, 10000));
-    std::filesystem::remove(marker);
+    // Removed once the holder has closed it (Windows refuses to remove an open file).
+    ASSERT_TRUE(WaitFor(
+        [&] {
+            std::error_code error;
+            return std::filesystem::remove(marker, error);
+        },
+        10000));
     EXPECT_EQ(first.TryAcquire(), CreationGuard::Attempt::Busy);
     ::kill(child, SIGKILL);
     EXPECT_EQ(WaitChild(child), 128 + SIGKILL);

@@ -194,7 +194,8 @@ TEST(TraceRegistryBuffers, AFullRegistryIsCleanedOfBuffersThatNoLongerExist) {
     EventLogCapture log;
     TraceBuffer::ErrorType error = TraceBuffer::SharedMemoryFailed;
     TraceBuffer* buffer = Registry().RegisterBuffer("Alive", "Module", TimestampMode::NotSet, 0, 0, &error);
-    ASSERT_NE(buffer, nullptr);
+    ASSERT_NE(buffer, nullptr) << "error " << error
+                               << (log.entries.empty() ? "" : ", " + log.entries.back().message);
     EXPECT_EQ(error, TraceBuffer::Success);
     EXPECT_LE(log.Count(Platform::EventType::Warning, CleanupWarning), 1);
     EXPECT_EQ(log.Count(Platform::EventType::Error, ""), 0);

@@ -163,6 +163,23 @@ HANDLE InheritableFile(const std::string& path, bool write) {
                          write ? CREATE_ALWAYS : OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
 }
 
+// Children end with this process, even when it dies: a child left behind would keep holding
+// what it holds, and CTest's output pipe.
+HANDLE ChildrenJob() {
+    static HANDLE job = [] {
+        HANDLE created = ::CreateJobObjectW(nullptr, nullptr);
+        JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits{};
+        limits.BasicLimitInformation.LimitFlags = JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE;
+        if (created != nullptr &&
+            !::SetInformationJobObject(created, JobObjectExtendedLimitInformation, &limits, sizeof limits)) {
+            ::CloseHandle(created);
+            created = nullptr;
+        }
+        return created;
+    }();
+    return job;
+}
+
 HANDLE InheritableCopy(HANDLE handle) {
     HANDLE copy = nullptr;
     ::DuplicateHandle(::GetCurrentProcess(), handle, ::GetCurrentProcess(), &copy, 0, TRUE,
@@ -220,9 +237,9 @@ pid_t StartProcess(const std::string& executable, const std::vector<std::string>
                                                   : InheritableFile(options.error, true);
     }
     PROCESS_INFORMATION info{};
-    const bool started =
-        ::CreateProcessW(path.c_str(), commandLine.data(), nullptr, nullptr, redirect,
-                         CREATE_UNICODE_ENVIRONMENT, environment.data(), nullptr, &startup, &info);
+    const bool started = ::CreateProcessW(path.c_str(), commandLine.data(), nullptr, nullptr, redirect,
+                                          CREATE_UNICODE_ENVIRONMENT | CREATE_SUSPENDED, environment.data(),
+                                          nullptr, &startup, &info);
     for (HANDLE handle : {startup.hStdInput, startup.hStdOutput, startup.hStdError}) {
         if (handle != nullptr && handle != INVALID_HANDLE_VALUE)
             ::CloseHandle(handle);
@@ -234,6 +251,9 @@ pid_t StartProcess(const std::string& executable, const std::vector<std::string>
     }
     if (input != nullptr && inputWrite != nullptr)
         *input = _open_osfhandle(reinterpret_cast<intptr_t>(inputWrite), _O_WRONLY | _O_BINARY);
+    if (HANDLE job = ChildrenJob())
+        ::AssignProcessToJobObject(job, info.hProcess);
+    ::ResumeThread(info.hThread);
     ::CloseHandle(info.hThread);
     const pid_t pid = static_cast<pid_t>(info.dwProcessId);
     std::lock_guard<std::mutex> lock(ChildrenMutex());
@@ -254,16 +274,13 @@ int WaitChild(pid_t pid) {
 
 namespace Windows {
 
+// Only a child not yet waited for: Windows hands a freed process ID to a new process at once,
+// so killing by ID could hit another test.
 int Kill(pid_t pid, int signal) {
-    HANDLE process = FindChild(pid);
-    HANDLE opened = nullptr;
-    if (process == nullptr)
-        process = opened = ::OpenProcess(PROCESS_TERMINATE, FALSE, static_cast<DWORD>(pid));
-    const bool killed =
-        process != nullptr && ::TerminateProcess(process, 128 + static_cast<unsigned>(signal));
-    if (opened != nullptr)
-        ::CloseHandle(opened);
-    return killed ? 0 : -1;
+    std::lock_guard<std::mutex> lock(ChildrenMutex());  // the handle stays open meanwhile
+    auto it = Children().find(pid);
+    return it != Children().end() && ::TerminateProcess(it->second, 128 + static_cast<unsigned>(signal)) ? 0
+                                                                                                         : -1;
 }
 
 pid_t WaitPid(pid_t pid, int* status, int options) {
