@@ -25,4 +25,7 @@ void WriteEventLog(EventType type, const char* source, const char* userLine, con
 using EventLogSink = std::function<void(const EventLogEntry&)>;
 EventLogSink SetEventLogSink(EventLogSink sink);
 
+// The system log itself, whatever the sink (each system's layer has its own).
+void WriteSystemEventLog(const EventLogEntry& entry);
+
 }  // namespace Tracing::Platform

@@ -3,21 +3,9 @@
 #include <windows.h>
 
 #include <atomic>
-#include <mutex>
-#include <string>
 
 namespace Tracing::Platform {
 namespace {
-
-std::mutex& SinkMutex() {
-    static std::mutex mutex;
-    return mutex;
-}
-
-EventLogSink& Sink() {
-    static EventLogSink sink;
-    return sink;
-}
 
 // Registered once and kept for the life of the process; a failed registration is tried again on
 // the next report. Two threads racing here at worst register twice.
@@ -34,28 +22,13 @@ HANDLE EventSource() {
 
 }  // namespace
 
-void WriteEventLog(EventType type, const char* source, const char* userLine, const char* message) {
-    EventLogEntry entry{type, source ? source : "", userLine ? userLine : "", message ? message : ""};
-    {
-        std::lock_guard<std::mutex> lock(SinkMutex());
-        if (Sink()) {
-            Sink()(entry);
-            return;
-        }
-    }
+void WriteSystemEventLog(const EventLogEntry& entry) {
     HANDLE handle = EventSource();
     if (handle == nullptr)
         return;
     const char* strings[3] = {entry.source.c_str(), entry.userLine.c_str(), entry.message.c_str()};
-    ::ReportEventA(handle, type == EventType::Error ? EVENTLOG_ERROR_TYPE : EVENTLOG_WARNING_TYPE, 0, 0,
+    ::ReportEventA(handle, entry.type == EventType::Error ? EVENTLOG_ERROR_TYPE : EVENTLOG_WARNING_TYPE, 0, 0,
                    nullptr, 3, 0, strings, nullptr);
-}
-
-EventLogSink SetEventLogSink(EventLogSink sink) {
-    std::lock_guard<std::mutex> lock(SinkMutex());
-    EventLogSink previous = std::move(Sink());
-    Sink() = std::move(sink);
-    return previous;
 }
 
 }  // namespace Tracing::Platform
