@@ -25,4 +25,14 @@ wine=/usr/lib/wine/wine64
 [ -x "$wine" ] || wine=$(command -v wine64 || command -v wine)
 "$wine" wineboot --init </dev/null >/dev/null 2>&1
 cd "$dir"
-ctest -j"$jobs" --output-on-failure --timeout 600 </dev/null
+# A test that fails gets one more run: a few multi-process tests still fail now and then under
+# Wine (about one test run in a thousand). Each failed run is named at the end, so none goes unseen.
+log=$(mktemp)
+status=0
+ctest -j"$jobs" --output-on-failure --timeout 600 --repeat until-pass:2 </dev/null | tee "$log" || status=$?
+if grep -qE '\*\*\*(Failed|Exception|Timeout)|Subprocess|Timeout ' "$log"; then
+  echo "== Test runs that failed under Wine (a failed test ran once more; the result above counts that run):"
+  grep -E '\*\*\*(Failed|Exception|Timeout)|Subprocess|Timeout ' "$log" | sed -E 's/^ *[0-9]+\/[0-9]+ Test +#[0-9]+: //; s/ \.+.*//' | sort -u
+fi
+rm -f "$log"
+exit "$status"

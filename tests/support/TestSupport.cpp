@@ -107,6 +107,16 @@ std::map<pid_t, HANDLE>& Children() {
     return children;
 }
 
+// Windows hands a freed process ID to the next new process at once. An ended child's process
+// object is kept open for the rest of the test, so its ID stays taken: a dead-process check
+// cannot meet a stranger under it.
+void KeepEnded(HANDLE process) {
+    static std::mutex mutex;
+    static std::vector<HANDLE> ended;
+    std::lock_guard<std::mutex> lock(mutex);
+    ended.push_back(process);
+}
+
 HANDLE TakeChild(pid_t pid) {
     std::lock_guard<std::mutex> lock(ChildrenMutex());
     auto it = Children().find(pid);
@@ -268,7 +278,7 @@ int WaitChild(pid_t pid) {
     DWORD code = 0;
     const bool ended =
         ::WaitForSingleObject(process, INFINITE) == WAIT_OBJECT_0 && ::GetExitCodeProcess(process, &code);
-    ::CloseHandle(process);
+    KeepEnded(process);
     return ended ? static_cast<int>(code) : -1;
 }
 
@@ -293,7 +303,7 @@ pid_t WaitPid(pid_t pid, int* status, int options) {
     ::GetExitCodeProcess(process, &code);
     if (status != nullptr)
         *status = static_cast<int>((code & 0xFF) << 8);
-    ::CloseHandle(TakeChild(pid));
+    KeepEnded(TakeChild(pid));
     return pid;
 }
 
