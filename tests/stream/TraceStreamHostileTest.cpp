@@ -109,15 +109,9 @@ TEST(TraceStreamHostile, CorruptedEntriesAreReadBoundedInManyRounds) {
     for (int round = 0; round < 5000; ++round) {
         std::memcpy(ring.Ring(), pristine.data(), pristine.size());
         const size_t first = std::uniform_int_distribution<size_t>(0, written.size() - 1)(rng);
-        // Rarely anything at all, which may make the reader wait or resynchronise.
-        const bool wild = rng() % 4000 == 0;
-        if (wild) {
-            for (int k = 1 + rng() % 8; k > 0; --k)
-                ring.Ring()[rng() % pristine.size()] = static_cast<char>(rng());
-        } else {
-            for (int k = 1 + rng() % 3; k > 0; --k)
-                CorruptReadably(ring, written[std::min(written.size() - 1, first + rng() % 4)], rng);
-        }
+        // Wild bytes anywhere are the next test's business: here every entry stays readable.
+        for (int k = 1 + rng() % 3; k > 0; --k)
+            CorruptReadably(ring, written[std::min(written.size() - 1, first + rng() % 4)], rng);
         TraceReaderInfo info;
         info.Buffer = TestRing::Owner();
         info.ReadIndex = written[first].position;
@@ -125,9 +119,7 @@ TEST(TraceStreamHostile, CorruptedEntriesAreReadBoundedInManyRounds) {
         bool overflow = false;
         auto traces = ring.Read(info, 4, &overflow);
         ASSERT_LE(traces.size(), 4u);
-        if (!wild) {
-            ASSERT_FALSE(overflow) << "round " << round << ": readable entries are no overflow";
-        }
+        ASSERT_FALSE(overflow) << "round " << round << ": readable entries are no overflow";
         FormatAll(traces);
     }
 }
