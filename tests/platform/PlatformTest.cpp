@@ -96,12 +96,6 @@ TEST(PlatformClock, ClocksAgreeAndAdvance) {
     EXPECT_GE(PerformanceCounter() - counter, 20 * PerformanceFrequency() / 1000);
 }
 
-TEST(PlatformClock, LocalTimeRoundTrips) {
-    std::tm tm{};
-    ASSERT_TRUE(LocalTime(1700000000, tm));
-    EXPECT_EQ(MakeLocalTime(tm), 1700000000);
-}
-
 TEST(PlatformError, TextsOfKnownAndUnknownCodes) {
 #ifdef _WIN32
     // The system's own text, without the line end it comes with.

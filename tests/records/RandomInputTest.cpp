@@ -1,12 +1,11 @@
-// Hostile bytes and texts through every parser of this folder: no crash, no read out of bounds
+// Hostile bytes and texts through the entry and placeholder parsers: no crash, no read out of bounds
 // (the ASan build checks the latter), and results that stay within their documented shapes.
-// The fuzz targets search wider; these are the shapes that once went wrong or nearly did.
+// The fuzz targets search wider; this is a small fixed sample of what they look for.
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
-#include "Trace/Records/CsvField.h"
 #include "Trace/Records/Trace.h"
 #include "Trace/Records/TraceIDTextMap.h"
 #include "Trace/Records/TraceMessage.h"
@@ -103,17 +102,6 @@ TEST(RecordsRandomInput, PlaceholderAndFailedBinaryTexts) {
                                                    ("Binary trace ID '5' " + std::string(noise)).c_str());
         }
 
-    for (const char* csv : {"\"", "\"\"\"", "a\"b;\"c", "\";\r\n", " ; ;\" x \" y;", "\"open;\n\"\"\r"}) {
-        const char* cursor = csv;
-        std::string field;
-        for (int guard = 0; *cursor != '\0' && guard < 100; ++guard) {
-            const char* before = cursor;
-            Internal::ReadCsvField(cursor, field, ';');
-            if (cursor == before)
-                ++cursor;  // stopped at a line end: the caller moves on
-        }
-        EXPECT_EQ(*cursor, '\0') << csv;
-    }
     map.Clear();
 }
 

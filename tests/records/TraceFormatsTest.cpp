@@ -299,9 +299,6 @@ TEST(TraceFormats, MaxCountStopsAfterEnoughRecords) {
     for (int i = 1; i <= 5; ++i)
         csv += CsvLine(Typical("line\nnext", std::to_string(i)));
     const std::string log = WriteLog(ReadCsv(csv));
-    EXPECT_EQ(ReadCsv(csv).size(), 5u);
-    EXPECT_EQ(Read(log, false, '|').size(), 5u);
-
     for (const bool isCsv : {true, false}) {
         std::istringstream in(isCsv ? csv : log);
         Records traces;
