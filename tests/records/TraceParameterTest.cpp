@@ -56,6 +56,13 @@ TEST(TraceParameter, PlaceholderLanguageKeepsItsAsymmetries) {
         {"%{1:", "%{1:"},
         {"%1:", "255:"},
         {"a%2b%9", "a7b<Unknown parameter (9)!>"},
+        {"%1:%", "255:%"},
+        {"%10", "2550"},
+        {"%4294967297", "<Unknown parameter (4)!>294967297"},
+        {"%{0}", "%{0}"},
+        {"%0:x", "%0:x"},
+        {"%{1:xx}", "%{1:xx}"},
+        {"%%%{1}}}", "%255}}"},
         {"", ""},
     };
     for (const auto& c : cases)
@@ -245,7 +252,7 @@ TEST(TraceParameter, FailedBinaryTraceTextRoundTrip) {
 
     TraceIDTextFile file("texts");
     file.SetText(4711, "%1 of %2");
-    file.SetText(12, "[%1|%2|%3|%4|%5]");
+    file.SetText(12, "[%1|%2|%3|%4|%5|%6|%7]");
     file.SetText(13, "plain %1");
     map.AddFile(std::move(file));
     TraceParameter::ParseFailedBinaryTrace(out, failed.c_str());
@@ -257,10 +264,18 @@ TEST(TraceParameter, FailedBinaryTraceTextRoundTrip) {
         .Add(int64_t{INT64_MIN})
         .Add(uint64_t{UINT64_MAX})
         .Add(0.125)
-        .Add(uint32_t{4000000000u});
+        .Add(uint32_t{4000000000u})
+        .Add(u"w\u00e9");
+    TraceParameter::SetToTooLong(*mixed.AddRawParameter());
     TraceParameter::FormatFailedBinaryTrace(failed, 12, mixed.GetParameterCount(), mixed.GetParameters());
     TraceParameter::ParseFailedBinaryTrace(out, failed.c_str());
-    EXPECT_EQ(out, "[a;b \"q\"|-9223372036854775808|18446744073709551615|0.125|4000000000]");
+    EXPECT_EQ(out,
+              "[a;b \"q\"|-9223372036854775808|18446744073709551615|0.125|4000000000|w\xc3\xa9|"
+              "<Parameter too long, removed!>]");
+    // Cut anywhere or padded with noise, the text is never read beyond its end.
+    for (std::size_t cut = 0; cut < failed.size(); ++cut)
+        for (const char* noise : {"", ";", "'", ":%x;\"", "\"\";;9:"})
+            TraceParameter::ParseFailedBinaryTrace(out, (failed.substr(0, cut) + noise).c_str());
 
     TraceParameter::FormatFailedBinaryTrace(failed, 13, 0, nullptr);
     EXPECT_EQ(failed, "Binary trace ID '13' not found!");
