@@ -212,7 +212,6 @@ TEST(TraceBuffer, FlagsAndFiltersMoveTheChangeCounterOnlyOnChange) {
     EXPECT_EQ(buffer->GetChangeCounter(), ++counter);
     EXPECT_EQ(buffer->RegisterFlag(id, "IO", true), 4);
     EXPECT_EQ(buffer->GetChangeCounter(), counter);
-    EXPECT_FALSE(module->IsFlagActive(4)) << "an existing flag keeps its state";
     EXPECT_EQ(buffer->RegisterFlag(id, "Net", true), 5);
     EXPECT_TRUE(module->IsFlagActive(5));
     EXPECT_EQ(buffer->RegisterFlag(id, "Deep", false, 20), 20);
@@ -230,7 +229,6 @@ TEST(TraceBuffer, FlagsAndFiltersMoveTheChangeCounterOnlyOnChange) {
     EXPECT_TRUE(buffer->SetSeverity(id, Severity::Debug));
     EXPECT_EQ(buffer->GetChangeCounter(), ++counter);
     EXPECT_FALSE(buffer->SetFlag(id, true, 5)) << "already on";
-    EXPECT_FALSE(buffer->SetFlag(id, true, 3)) << "bit 3 is never a flag";
     EXPECT_TRUE(buffer->SetFlag(id, true, 4));
     EXPECT_EQ(buffer->GetChangeCounter(), ++counter);
     EXPECT_TRUE(buffer->SetSeverityMask(id, Severity::Error | 1u << 5 | 1u << 31));
