@@ -35,11 +35,10 @@ int64_t Pid() {
 }
 
 std::unique_ptr<TraceBuffer> MakeBuffer(int32_t id, const char* subSystem, uint32_t modules = 4,
-                                        uint32_t streamSize = 0, const char* application = "App",
-                                        int64_t processID = Pid()) {
+                                        uint32_t streamSize = 0) {
     auto buffer = std::make_unique<TraceBuffer>();
-    EXPECT_EQ(buffer->Create(id, processID, TimestampMode::NotSet, "", "", "System", application, subSystem,
-                             modules, streamSize),
+    EXPECT_EQ(buffer->Create(id, Pid(), TimestampMode::NotSet, "", "", "System", "App", subSystem, modules,
+                             streamSize),
               TraceBuffer::Success)
         << subSystem;
     return buffer;
