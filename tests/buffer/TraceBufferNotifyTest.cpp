@@ -152,23 +152,6 @@ TEST(TraceBufferNotify, OwnChangesAndSuspensionRunNoFullUpdate) {
     producer.buffer.UnregisterDataChangedListener(&recorder);
 }
 
-TEST(TraceBufferNotify, ManyTracesAreOneNotificationPerPoll) {
-    Producer producer(72);
-    Recorder recorder;
-    producer.buffer.RegisterNewTracesListener(&recorder);
-    producer.buffer.RegisterNewTracesListener(&recorder);  // no duplicate
-    {
-        TraceBufferUpdateSuspender suspender(producer.buffer);
-        WriteTraces(producer.buffer, producer.first, 500);
-    }
-    Poll();
-    EXPECT_EQ(recorder.Calls(), Calls{"traces"});
-    WriteTraces(producer.buffer, producer.first, 1);
-    Poll();
-    EXPECT_EQ(recorder.Calls(), (Calls{"traces", "traces"}));
-    producer.buffer.UnregisterNewTracesListener(&recorder);
-}
-
 namespace {
 
 class SelfRemover : public INewTracesListener {
@@ -182,23 +165,31 @@ public:
 
 }  // namespace
 
-TEST(TraceBufferNotify, RegistrationAndUnregisteringFromACallback) {
-    Producer producer(73);
+TEST(TraceBufferNotify, ManyTracesAreOneNotificationPerPollAndListenersMayLeaveFromACallback) {
+    Producer producer(72);
+    Recorder recorder;
     Recorder initial;
-    Recorder silent;
+    producer.buffer.RegisterNewTracesListener(&recorder);
+    producer.buffer.RegisterNewTracesListener(&recorder);  // no duplicate
     producer.buffer.RegisterDataChangedListener(&initial, true);
-    producer.buffer.RegisterDataChangedListener(&silent, false);
+    producer.buffer.RegisterDataChangedListener(&recorder, false);
     EXPECT_EQ(initial.Calls(), Calls{"created " + std::to_string(producer.first) + "," +
                                      std::to_string(producer.second) + ","});
-    EXPECT_EQ(silent.Calls(), Calls{});
+    EXPECT_EQ(recorder.Calls(), Calls{});
 
     SelfRemover remover;
     producer.buffer.RegisterNewTracesListener(&remover);
-    WriteTraces(producer.buffer, producer.first, 1);
-    Poll();  // a deadlock would make the wait fail
+    {
+        TraceBufferUpdateSuspender suspender(producer.buffer);
+        WriteTraces(producer.buffer, producer.first, 500);
+    }
+    Poll();  // a deadlock in the self-removal would make the wait fail
+    EXPECT_EQ(recorder.Calls(), Calls{"traces"});
     WriteTraces(producer.buffer, producer.first, 1);
     Poll();
+    EXPECT_EQ(recorder.Calls(), (Calls{"traces", "traces"}));
     EXPECT_EQ(remover.calls, 1);
+    producer.buffer.UnregisterNewTracesListener(&recorder);
     producer.buffer.UnregisterDataChangedListener(&initial);
-    producer.buffer.UnregisterDataChangedListener(&silent);
+    producer.buffer.UnregisterDataChangedListener(&recorder);
 }

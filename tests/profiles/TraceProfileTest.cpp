@@ -35,18 +35,7 @@ using Texts = std::vector<std::string>;
 
 }  // namespace
 
-TEST(TraceProfileModel, CreateAcceptsEmptyNamesOnlyWhereTheyAreDefaults) {
-    TraceProfile profile;
-    TraceProfile::SubSystem* subSystem = profile.CreateHost("")->CreateApplication("")->CreateSubSystem("");
-    ASSERT_NE(subSystem, nullptr);
-    EXPECT_EQ(subSystem->CreateModule(""), nullptr);
-    TraceProfile::Module* module = subSystem->CreateModule("Module");
-    ASSERT_NE(module, nullptr);
-    EXPECT_EQ(module->CreateFlag(""), nullptr);
-    EXPECT_TRUE(module->GetFlags().empty());
-}
-
-TEST(TraceProfileModel, CreatingAnExistingChildReturnsItUnchanged) {
+TEST(TraceProfileModel, CreatingAnExistingChildReturnsItUnchangedAndEmptyNamesAreDefaultsOnly) {
     TraceProfile profile;
     TraceProfile::Host* host = profile.CreateHost("host");
     host->SetSeverity(3);
@@ -65,6 +54,13 @@ TEST(TraceProfileModel, CreatingAnExistingChildReturnsItUnchanged) {
     EXPECT_EQ(module->GetSeverity(), 6u);
     EXPECT_EQ(module->CreateFlag("flag"), flag);
     EXPECT_TRUE(flag->IsEnabled());
+
+    // Empty names are defaults for hosts, applications and subsystems, never for modules or flags.
+    TraceProfile::SubSystem* defaults = profile.CreateHost("")->CreateApplication("")->CreateSubSystem("");
+    ASSERT_NE(defaults, nullptr);
+    EXPECT_EQ(defaults->CreateModule(""), nullptr);
+    EXPECT_EQ(module->CreateFlag(""), nullptr);
+    EXPECT_EQ(module->GetFlags().size(), 1u);
 
     const TraceProfile::Host* fresh = profile.CreateHost("new");
     EXPECT_EQ(fresh->GetResynchronizationPeriod(), 10000u);

@@ -72,7 +72,7 @@ TEST(TraceRegistryData, CreateLeavesAnUnpublishedBlockWithItsStartValues) {
     EXPECT_EQ(attached, data);
 }
 
-TEST(TraceRegistryData, ItemsAreActivatedFoundAndFreed) {
+TEST(TraceRegistryData, ItemsAreActivatedFoundAndFreedAndReadSafely) {
     Block block(TraceRegistryData::GetSize(2));
     TraceRegistryData* data = MakeBlock(block);
     const std::string longHost(40, 'h');
@@ -98,15 +98,11 @@ TEST(TraceRegistryData, ItemsAreActivatedFoundAndFreed) {
     EXPECT_EQ(data->FindItem(7), nullptr);
     EXPECT_EQ(data->ActivateFirstFreeItem(12, 5, "again", "again"), first)
         << "the freed slot is reused first";
-}
 
-TEST(TraceRegistryData, AnUnterminatedNameFromAnotherProcessReadsAsEmpty) {
-    Block block(TraceRegistryData::GetSize(1));
-    TraceRegistryData* data = MakeBlock(block);
-    TraceRegistryDataItem* item = data->ActivateFirstFreeItem(1, 1, "host", "sub");
-    std::memset(reinterpret_cast<unsigned char*>(item) + 12, 'x', 68);
-    EXPECT_STREQ(item->GetHostName(), "");
-    EXPECT_STREQ(item->GetSubSystemName(), "");
+    // Names another process left unterminated read as empty.
+    std::memset(reinterpret_cast<unsigned char*>(first) + 12, 'x', 68);
+    EXPECT_STREQ(first->GetHostName(), "");
+    EXPECT_STREQ(first->GetSubSystemName(), "");
 }
 
 TEST(TraceRegistryData, TimerReferenceIsDoubleBuffered) {

@@ -155,22 +155,37 @@ PAXLTRACE_CHILD_ROLE(Produce) {
     return Registry().UnregisterBuffer(buffer) == TraceRegistry::Done ? 0 : 92;
 }
 
-TEST(TraceRegistryUpdate, ProducersAreAnnouncedWhenTheyComeAndWhenTheyGo) {
+TEST(TraceRegistryUpdate, ProducersAreAnnouncedWhenTheyComeAndGoneOnceNoInterestHoldsThem) {
     RecordingListener listener;
     Producer producer("Comes");
+    Producer wanted("Wanted");
     ASSERT_TRUE(producer.WaitUntilRegistered());
+    ASSERT_TRUE(wanted.WaitUntilRegistered());
     // Registered before this call: the first full cycle after it attaches and announces.
     ASSERT_TRUE(WaitForAllUpdates());
     const int32_t id = producer.ConsumerID();
+    const int32_t wantedID = wanted.ConsumerID();
     ASSERT_GE(id, 0);
+    ASSERT_GE(wantedID, 0);
     EXPECT_TRUE(listener.Created(id));
+    EXPECT_TRUE(listener.Created(wantedID));
     EXPECT_FALSE(listener.Deleted(id));
 
+    Registry().RegisterInterest(wantedID);
     ASSERT_EQ(producer.Stop(), 0);
+    ASSERT_EQ(wanted.Stop(), 0);
     ASSERT_TRUE(WaitForAllUpdates());
     EXPECT_TRUE(listener.Deleted(id));
     EXPECT_EQ(producer.ConsumerID(), -1);
     EXPECT_EQ(Registry().GetConsumerBuffer(id), nullptr);
+    ASSERT_TRUE(WaitForAllUpdates());
+    EXPECT_NE(Registry().GetConsumerBuffer(wantedID), nullptr);
+    EXPECT_FALSE(listener.Deleted(wantedID));
+
+    Registry().UnregisterInterest(wantedID);
+    ASSERT_TRUE(WaitForAllUpdates());
+    EXPECT_EQ(Registry().GetConsumerBuffer(wantedID), nullptr);
+    EXPECT_TRUE(listener.Deleted(wantedID));
 }
 
 TEST(TraceRegistryUpdate, ABufferThatComesAndGoesBetweenTwoCyclesIsNeverAnnounced) {
@@ -192,27 +207,6 @@ TEST(TraceRegistryUpdate, ABufferThatComesAndGoesBetweenTwoCyclesIsNeverAnnounce
     ASSERT_TRUE(WaitForAllUpdates());
     std::lock_guard<std::mutex> lock(listener.mutex);
     EXPECT_EQ(listener.calls, 0);
-}
-
-TEST(TraceRegistryUpdate, ABufferWithInterestIsKeptUntilTheInterestIsReleased) {
-    RecordingListener listener;
-    Producer producer("Wanted");
-    ASSERT_TRUE(producer.WaitUntilRegistered());
-    ASSERT_TRUE(WaitForAllUpdates());
-    const int32_t id = producer.ConsumerID();
-    ASSERT_GE(id, 0);
-
-    Registry().RegisterInterest(id);
-    ASSERT_EQ(producer.Stop(), 0);
-    ASSERT_TRUE(WaitForAllUpdates());
-    ASSERT_TRUE(WaitForAllUpdates());
-    EXPECT_NE(Registry().GetConsumerBuffer(id), nullptr);
-    EXPECT_FALSE(listener.Deleted(id));
-
-    Registry().UnregisterInterest(id);
-    ASSERT_TRUE(WaitForAllUpdates());
-    EXPECT_EQ(Registry().GetConsumerBuffer(id), nullptr);
-    EXPECT_TRUE(listener.Deleted(id));
 }
 
 TEST(TraceRegistryUpdate, AKilledProducerIsFreedAndLeavesNothingBehind) {
