@@ -223,11 +223,15 @@ TEST(CApiEngine, OwnEnginesAndPrintMsg) {
     }
     EXPECT_TRUE(found);
 
-    // The updater thread registers its start flag in its own module of the same buffer.
-    ASSERT_TRUE(Tracing::Test::WaitFor([&] { return core.GetModuleID("Thread") >= 0; }, 5000));
+    // The updater thread registers its start flag in its own module of the same buffer (the module
+    // comes first, the flag a moment later).
     TraceModuleInfo thread;
-    ASSERT_TRUE(core.GetModuleInfo("Thread", thread));
-    EXPECT_NE(thread.FindFlag(std::string("ThreadStart")), nullptr);
+    EXPECT_TRUE(Tracing::Test::WaitFor(
+        [&] {
+            return core.GetModuleInfo("Thread", thread) &&
+                   thread.FindFlag(std::string("ThreadStart")) != nullptr;
+        },
+        5000));
 }
 
 // The child and the parent hand over through marker files: portable, and no inherited handles.
