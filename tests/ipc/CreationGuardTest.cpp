@@ -17,6 +17,7 @@
 #include "platform/Thread.h"
 
 using Tracing::Platform::CreationGuard;
+using Tracing::Test::RemoveFile;
 using Tracing::Test::ShmPrefix;
 using Tracing::Test::SpawnChild;
 using Tracing::Test::WaitChild;
@@ -129,7 +130,7 @@ TEST(CreationGuardProcesses, ReleasedWhenItsHolderIsKilled) {
         (std::filesystem::temp_directory_path() / (ShmPrefix() + "KilledGuardMarker")).string();
     const pid_t child = SpawnChild("GuardHoldUntilKilled", {name, marker});
     ASSERT_TRUE(WaitFor([&] { return FileExists(marker); }, 10000));
-    ::unlink(marker.c_str());
+    ASSERT_TRUE(RemoveFile(marker));
 
     CreationGuard guard(name);
     EXPECT_EQ(guard.TryAcquire(), CreationGuard::Attempt::Busy);

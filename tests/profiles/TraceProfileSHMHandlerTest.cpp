@@ -427,7 +427,7 @@ TEST(TraceProfileSHMHandlerProcesses, AProfilePublishedHereIsFoundByAnotherProce
     const std::string signal = SignalPath("first-seen");
     const pid_t watcher = SpawnChild("WatchForReplacement", {"131072", "16384", signal});
     ASSERT_TRUE(WaitFor([&] { return FileExists(signal); }, 10000));
-    ::unlink(signal.c_str());
+    ASSERT_TRUE(RemoveFile(signal));
     ASSERT_EQ(Handler().CreateSHM(SimpleProfile(16384)), TraceProfileSHMHandler::Published);
     EXPECT_EQ(WaitChild(watcher), 0);
 }
@@ -438,7 +438,7 @@ TEST(TraceProfileSHMHandlerProcesses, AProfileOutlivesItsPublisherWhileOthersHol
     EXPECT_TRUE(WaitFor([&] { return FoundRingSize("App", "Sub") == 65536u; }, 10000));
     Touch(release);
     EXPECT_EQ(WaitChild(publisher), 0);
-    ::unlink(release.c_str());
+    EXPECT_TRUE(RemoveFile(release));
     EXPECT_EQ(FoundRingSize("App", "Sub"), 65536u);
     EXPECT_TRUE(ShmExists(ProfileKey(ProfileWord() & TraceProfileSHMHandler::ProfileIndexMask)));
 }

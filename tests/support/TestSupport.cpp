@@ -18,6 +18,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cwchar>
+#include <filesystem>
 #include <map>
 #include <mutex>
 #include <string_view>
@@ -404,6 +405,15 @@ int WaitChild(pid_t pid) {
 }
 
 #endif
+
+bool RemoveFile(const std::string& path, int timeoutMs) {
+    return WaitFor(
+        [&] {
+            std::error_code error;
+            return std::filesystem::remove(path, error) || !error;
+        },
+        timeoutMs);
+}
 
 bool WaitFor(const std::function<bool()>& condition, int timeoutMs) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);

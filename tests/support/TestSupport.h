@@ -54,6 +54,11 @@ pid_t StartProcess(const std::string& executable, const std::vector<std::string>
 // Waits for a child; returns its exit code, or 128 + signal number when it was killed.
 int WaitChild(pid_t pid);
 
+// Removes a file, waiting while another process still has it open (Windows refuses to remove an
+// open file, and a marker left behind would fool the next test process given the same ID).
+// True once the file is gone.
+bool RemoveFile(const std::string& path, int timeoutMs = 10000);
+
 // Waits up to timeoutMs for `condition`, polling every millisecond.
 bool WaitFor(const std::function<bool()>& condition, int timeoutMs);
 
