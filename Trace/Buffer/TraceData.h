@@ -20,7 +20,11 @@
 //
 // Writers own their reserved span and store the fields through atomic_ref, clearing the indicator
 // first and setting it last with release order. Readers never use an entry in place: Load copies
-// the header out (indicator with acquire) and the copy is validated before any size is used.
+// the header out (indicator with acquire) and the copy is validated before any size is used. A
+// complete header alone does not prove the data whole: a writer of a later lap may have started
+// an entry inside this one. The reader trusts a copy only when, after copying, the header still
+// reads the same (IsUnchanged) and the write index has not gone more than one ring past the
+// entry's position, so that no later reservation can have reached its span (TraceStream).
 // Fixed-width little-endian fields only; no pointers, no size_t.
 #pragma once
 
@@ -122,11 +126,13 @@ struct TraceData {
         return copy;
     }
 
-    // The TraceID as it stands now, after everything read before (a reader's re-check that the
-    // entry was not overwritten while it was copied).
-    static uint32_t ReloadTraceID(const TraceData& shared) {
+    // Whether the entry still carries the copied header's indicator, ID and size, read after
+    // everything read before. Necessary, not sufficient: the caller also checks the write index.
+    static bool IsUnchanged(const TraceData& shared, const TraceData& copy) {
         std::atomic_thread_fence(std::memory_order_acquire);
-        return Ref(shared.TraceID).load(std::memory_order_relaxed);
+        return Ref(shared.TraceIndicator).load(std::memory_order_relaxed) == copy.TraceIndicator &&
+               Ref(shared.TraceID).load(std::memory_order_relaxed) == copy.TraceID &&
+               Ref(shared.Size).load(std::memory_order_relaxed) == copy.Size;
     }
 
 private:

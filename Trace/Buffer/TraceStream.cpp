@@ -38,10 +38,14 @@ constexpr float BytesToMiB = 9.536743e-7f;
 // Split assemblies in progress; a legitimate ring has about one per writing thread.
 constexpr size_t MaxPendingSplitTraces = 1024;
 constexpr unsigned IncompleteTraceRetries = 10;
-constexpr unsigned OverflowWaitMs = 10;
-constexpr unsigned MaxOverflowRepeats = 3;
+// Resynchronisations in one read; a real ring needs one per lap the reader fell behind.
+constexpr unsigned MaxResyncsPerRead = 64;
 constexpr unsigned SuccessorsToAccept = 5;
-constexpr uint32_t HeldBackMs = 50;
+// A writer holds its span for one copy of at most 2 KiB, and each read already waits 10 ms for it.
+// A span still incomplete four update cycles (200 ms) after it was first seen has a writer that is
+// dead or descheduled far beyond normal scheduling delays; waiting longer holds back every later
+// trace of the buffer and lets the ring lap the reader, losing far more than the one entry.
+constexpr uint32_t StallLimitMs = 200;
 
 // Types that are serialised: 1 to 12. Invalid and unknown values are left out.
 inline bool IsWrittenType(uint16_t type) {
@@ -496,35 +500,95 @@ bool TraceStream::IsUsableTraceData(const TraceData& entry) {
            entry.Size >= TraceData::SizeWithoutData + entry.GetRequiredDataSize();
 }
 
-// A complete entry whose ID stays older than the cursor is not necessarily stale: a writer that
-// was preempted between reserving its span and drawing its ID publishes an ID far behind its
-// neighbours, and such an entry never changes. A stale entry lasts only until its new writer
-// clears it, so an entry held back unchanged for HeldBackMs is taken as it is.
-void TraceStream::HoldBack(uint32_t position, uint32_t traceID) const {
-    for (const HeldBackEntry& held : m_heldBack) {
-        if (held.position == position && held.traceID == traceID)
-            return;
-    }
-    m_heldBack[m_nextHeldBack] = {position, traceID, Platform::TickMs()};
-    m_nextHeldBack = (m_nextHeldBack + 1) % m_heldBack.size();
-}
-
-bool TraceStream::IsLongHeldBack(uint32_t position, uint32_t traceID) const {
-    for (HeldBackEntry& held : m_heldBack) {
-        if (held.position == position && held.traceID == traceID) {
-            if (Platform::TickMs() - held.since < HeldBackMs)
-                return false;
-            held = {};
-            return true;
-        }
-    }
-    return false;
-}
-
 // Further behind than concurrent writers explain; 2^31 or more behind is the ID wrap (newer).
 bool TraceStream::IsOldTraceData(const TraceData& entry, uint32_t counter) const {
     const uint32_t age = counter - entry.TraceID;
     return counter > entry.TraceID && age > m_idTolerance && age < IdWrapDistance;
+}
+
+// Counter first, then the write index: a writer that reserves at or after the sampled index draws
+// its ID after the counter was read, so every entry there has a newer ID than the sample.
+uint32_t TraceStream::SampleFloor(TraceReaderInfo& info) const {
+    const uint32_t counter = GetTotalTraceCounter();
+    const uint32_t writeIndex = m_writeIndex.load(std::memory_order_seq_cst);
+    if (!info.NextFloorValid) {
+        info.NextFloorPosition = writeIndex;
+        info.NextFloorID = counter;
+        info.NextFloorValid = true;
+    }
+    return writeIndex;
+}
+
+// The floor tells a lap apart by position, which the highest ID read cannot: a writer preempted
+// between reserving and numbering publishes an ID far ahead of its neighbours, and the entries
+// after it would all look old. An entry of the earlier lap at position p was reserved at p - size
+// or before; while p lies less than half a ring behind the floor's position, it was numbered before
+// the floor was sampled (give or take the writers then in flight, far fewer than half a ring of
+// entries). Elsewhere only the spec'd ID tolerance against the highest ID read is left.
+bool TraceStream::IsStale(const TraceReaderInfo& info, const TraceData& entry, uint32_t position) const {
+    if (info.FloorValid && position - info.FloorPosition < m_size / 2)
+        return !IsNewerID(entry.TraceID, info.FloorID);
+    return IsOldTraceData(entry, info.LastTraceID);
+}
+
+// Writes of a later lap reach the span only with a reservation that ends more than one ring past
+// its position, so a write index loaded after the copy and no further away proves the copy whole.
+bool TraceStream::IsCopyWhole(const TraceData& shared, const TraceData& entry, uint32_t position) const {
+    return TraceData::IsUnchanged(shared, entry) &&
+           m_writeIndex.load(std::memory_order_seq_cst) - position <= m_size;
+}
+
+bool TraceStream::StallOutlasted(TraceReaderInfo& info) const {
+    const uint32_t now = Platform::TickMs();
+    if (!info.Stalled || info.StallPosition != info.ReadIndex) {
+        info.Stalled = true;
+        info.StallPosition = info.ReadIndex;
+        info.StallSince = now;
+        return false;
+    }
+    return now - info.StallSince >= StallLimitMs;
+}
+
+// Successors of the current lap that follow on from the entry, up to the write index.
+bool TraceStream::IsChainIntact(const TraceReaderInfo& info, uint32_t position, uint32_t size,
+                                uint32_t writeIndex) const {
+    for (unsigned successors = 0; successors < SuccessorsToAccept; ++successors) {
+        position += size;
+        if (position == writeIndex)
+            return true;
+        if (writeIndex - position > m_size)
+            return false;
+        TraceData next;
+        if (!LoadEntry(position, next) || !IsUsableTraceData(next) || IsStale(info, next, position))
+            return false;
+        size = next.Size;
+    }
+    return true;
+}
+
+bool TraceStream::Resync(TraceReaderInfo& info, uint32_t from, uint64_t& timestamp) const {
+    // Counter before index: entries from the index on have newer IDs than the counter.
+    const uint32_t counter = GetTotalTraceCounter();
+    const uint32_t writeIndex = m_writeIndex.load(std::memory_order_seq_cst);
+    from = (from + 7) & ~7u;
+    if (writeIndex - from > m_size)
+        from = from - writeIndex < IdWrapDistance ? writeIndex : writeIndex - m_size;
+    for (uint32_t position = from; position != writeIndex && writeIndex - position <= m_size; position += 8) {
+        TraceData candidate;
+        if (!LoadEntry(position, candidate) || !IsUsableTraceData(candidate) ||
+            IsStale(info, candidate, position) || !IsChainIntact(info, position, candidate.Size, writeIndex))
+            continue;
+        info.ReadIndex = position;
+        if (IsNewerID(candidate.TraceID - 1, info.LastTraceID))
+            info.LastTraceID = candidate.TraceID - 1;
+        timestamp = candidate.GetTimestamp();
+        return true;
+    }
+    info.ReadIndex = writeIndex;
+    if (IsNewerID(counter, info.LastTraceID))
+        info.LastTraceID = counter;
+    timestamp = 0;
+    return false;
 }
 
 uint64_t TraceStream::FindFirstUnreadTraceEntry(TraceReaderInfo& info) const {
@@ -602,7 +666,7 @@ TraceStream::ErrorType TraceStream::ReadContinuation(TraceReaderInfo& info, cons
         const size_t length = entry.MessageSize > 0 ? entry.MessageSize - 1u : 0u;
         std::memcpy(text, shared.GetData(), length);
         text[length] = '\0';
-        if (TraceData::ReloadTraceID(shared) != entry.TraceID)
+        if (!IsCopyWhole(shared, entry, info.ReadIndex))
             return OverflowTraceIDChanged;
         Trace& trace = *found->second;
         // No legitimate message grows beyond the longest split one.
@@ -616,6 +680,8 @@ TraceStream::ErrorType TraceStream::ReadContinuation(TraceReaderInfo& info, cons
             }
         }
     }
+    if (IsNewerID(entry.TraceID, info.LastTraceID))
+        info.LastTraceID = entry.TraceID;
     info.ReadIndex += entry.Size;
     return Ok;
 }
@@ -630,59 +696,55 @@ TraceStream::ErrorType TraceStream::ReadOneTrace(TraceReaderInfo& info,
         --distance;
     if (distance > m_size)
         return OverflowTracesOverwritten;
+    if (info.NextFloorValid && info.ReadIndex - info.NextFloorPosition < IdWrapDistance) [[unlikely]] {
+        info.FloorPosition = info.NextFloorPosition;
+        info.FloorID = info.NextFloorID;
+        info.FloorValid = true;
+        info.NextFloorValid = false;
+    }
 
     TraceData entry;
     if (!LoadEntry(info.ReadIndex, entry))
         return OverflowTraceUnreadable;
     const TraceData& shared = EntryAt(info.ReadIndex);
-    // A writer may still be filling the entry (or may not have cleared the old one yet).
-    bool heldBack = false;
-    for (unsigned retries = 0;; ++retries) {
-        if (IsValidTraceData(entry)) {
-            if (!IsOldTraceData(entry, info.LastTraceID))
-                break;
-            heldBack = IsLongHeldBack(info.ReadIndex, entry.TraceID);
-            if (heldBack)
-                break;
-        }
-        if (retries == IncompleteTraceRetries) {
-            if (IsValidTraceData(entry))
-                HoldBack(info.ReadIndex, entry.TraceID);
+    // A writer may still be filling the entry, or may not yet have cleared the earlier lap's one.
+    for (unsigned retries = 0; !IsValidTraceData(entry) || IsStale(info, entry, info.ReadIndex); ++retries) {
+        if (retries == IncompleteTraceRetries)
             return IncompleteTrace;
-        }
         Platform::SleepMs(1);
+        if (m_writeIndex.load(std::memory_order_seq_cst) - info.ReadIndex > m_size)
+            return OverflowTracesOverwritten;
         entry = TraceData::Load(shared);
     }
     if (!IsUsableTraceData(entry))
         return OverflowTraceUnreadable;
-    // An entry taken after being held back starts the ID sequence anew: the entries behind it
-    // continue from its ID.
-    if (heldBack || IsNewerID(entry.TraceID, info.LastTraceID))
-        info.LastTraceID = entry.TraceID;
+    info.Stalled = false;
 
     if (entry.FirstPartID != 0)
         return ReadContinuation(info, entry, shared, pending);
 
     uint64_t timestamp = entry.GetTimestamp();
+    uint64_t lastTimestamp = info.LastTimestamp;
     if (timestamp == 0) {
         timestamp = entry.TraceID;
-    } else if (info.LastTimestamp <= timestamp || info.LastTimestamp - timestamp > TimestampJitter) {
-        info.LastTimestamp = timestamp;
+    } else if (lastTimestamp <= timestamp || lastTimestamp - timestamp > TimestampJitter) {
+        lastTimestamp = timestamp;
     } else {
-        timestamp = info.LastTimestamp;
+        timestamp = lastTimestamp;
     }
 
-    // The data bytes are copied as they stand (bounded by the spill end) and trusted only once the
-    // TraceID re-check shows that no writer took the entry meanwhile.
+    // The data bytes are copied as they stand (bounded by the spill end) and trusted only once
+    // IsCopyWhole shows that no writer can have reached them meanwhile.
     // Default- not value-initialised: make_unique would first zero the whole record.
     std::unique_ptr<Trace> trace(new Trace);
-    if (!trace->Create(entry.TraceID, m_header->GetBufferID(), entry.ModuleID, timestamp,
-                       m_header->GetProcessID(), entry.ThreadID, entry.SeverityMask, entry.MessageSize,
-                       entry.ParameterSize, entry.LocationSize, shared.GetData(),
-                       info.AttachBuffer ? m_buffer : nullptr, m_spillEnd))
-        return OverflowTraceUnreadable;
-    if (TraceData::ReloadTraceID(shared) != entry.TraceID || trace->GetID() != entry.TraceID)
+    const bool created = trace->Create(entry.TraceID, m_header->GetBufferID(), entry.ModuleID, timestamp,
+                                       m_header->GetProcessID(), entry.ThreadID, entry.SeverityMask,
+                                       entry.MessageSize, entry.ParameterSize, entry.LocationSize,
+                                       shared.GetData(), info.AttachBuffer ? m_buffer : nullptr, m_spillEnd);
+    if (!IsCopyWhole(shared, entry, info.ReadIndex))
         return OverflowTraceIDChanged;
+    if (!created)
+        return OverflowTraceUnreadable;
 
     if (entry.SplitMarker == TraceData::Split) {
         if (m_splitTraces.size() >= MaxPendingSplitTraces && !m_splitTraces.contains(entry.TraceID))
@@ -692,6 +754,9 @@ TraceStream::ErrorType TraceStream::ReadOneTrace(TraceReaderInfo& info,
     } else {
         pending.push_back(std::move(trace));
     }
+    if (IsNewerID(entry.TraceID, info.LastTraceID))
+        info.LastTraceID = entry.TraceID;
+    info.LastTimestamp = lastTimestamp;
     info.ReadIndex += entry.Size;
     return Ok;
 }
@@ -721,10 +786,9 @@ void TraceStream::Read(TraceReaderInfo& info, std::vector<std::unique_ptr<Trace>
         return;
     const size_t wanted = limit - traces.size();
 
-    std::atomic_ref<uint32_t> writeIndex = m_header->GetAtomicWriteIndex();
-    uint32_t snapshot = writeIndex.load(std::memory_order_seq_cst);
-    uint32_t overflowPosition = 0xFFFFFFFFu;
-    unsigned repeats = 0;
+    uint32_t snapshot = SampleFloor(info);
+    size_t synthetic = 0;
+    unsigned resyncs = 0;
     std::vector<std::unique_ptr<Trace>> collected;
     while (collected.size() < wanted) {
         const ErrorType result = ReadOneTrace(info, collected, snapshot);
@@ -732,37 +796,44 @@ void TraceStream::Read(TraceReaderInfo& info, std::vector<std::unique_ptr<Trace>
             continue;
         if (result == NoNewTraces)
             break;
-        if (result == IncompleteTrace) {
+        if (result == IncompleteTrace && !StallOutlasted(info)) {
             if (TraceDiagnostics::IsActive(DiagnosticCategory::Buffer))
                 TraceDiagnostics::GetInstance().Report(
                     DiagnosticCategory::Buffer, Severity::Warning,
                     TraceMessage(IncompleteTraceMessage).Add(m_header->GetBufferID()));
             break;
         }
+        // Only a ring of garbage resynchronises without end; the next read goes on from here.
+        if (++resyncs > MaxResyncsPerRead)
+            break;
 
+        // Lapped, torn, unreadable or stalled: go on at the next intact entry of this lap. What
+        // lies between is lost; its number is the gap in the IDs (at least the entry given up).
         overflow = true;
         m_splitTraces.clear();
-        Platform::SleepMs(OverflowWaitMs);
-        if (info.ReadIndex == overflowPosition) {
-            if (++repeats > MaxOverflowRepeats) {
-                info.ReadIndex = writeIndex.load(std::memory_order_seq_cst);
-                info.LastTraceID = GetTotalTraceCounter();
-                info.LastTimestamp = 0;
-                AddSyntheticTrace(info, collected, UnrecoverableOverflowMessage, Now());
-            }
-        } else {
-            overflowPosition = info.ReadIndex;
-            repeats = 0;
-            uint64_t timestamp = FindFirstUnreadTraceEntry(info);
-            if (timestamp == 0)
-                timestamp = Now();
+        info.Stalled = false;
+        const uint32_t lastTraceID = info.LastTraceID;
+        uint64_t timestamp = 0;
+        const bool found = Resync(info, info.ReadIndex + 8, timestamp);
+        const uint32_t gap = IsNewerID(info.LastTraceID, lastTraceID) ? info.LastTraceID - lastTraceID : 0;
+        const uint64_t lost = std::max<uint64_t>(gap, 1);
+        info.Statistics.Lost += lost;
+        info.Statistics.LargestGap = std::max(info.Statistics.LargestGap, lost);
+        ++info.Statistics.Overflows;
+        if (timestamp == 0)
+            timestamp = Now();
+        if (found) {
             TraceMessage text(OverflowMessage);
             text.Add(static_cast<float>(m_size) * BytesToMiB).Add(ErrorText(result));
             AddSyntheticTrace(info, collected, text.Format(), timestamp);
+        } else {
+            AddSyntheticTrace(info, collected, UnrecoverableOverflowMessage, timestamp);
         }
+        ++synthetic;
         // Taken after the cursor moved, so that the cursor never lies beyond the snapshot.
-        snapshot = writeIndex.load(std::memory_order_seq_cst);
+        snapshot = m_writeIndex.load(std::memory_order_seq_cst);
     }
+    info.Statistics.Delivered += collected.size() - std::min(synthetic, collected.size());
 
     // Concurrent writers publish slightly out of ID order; usually there is nothing to sort.
     if (!std::is_sorted(collected.begin(), collected.end(), Trace::LessById))

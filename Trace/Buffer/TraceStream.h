@@ -15,7 +15,6 @@
 // of memory laid out as header + module array + ring.
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -91,7 +90,8 @@ public:
     ErrorType ConnectReader(TraceReaderInfo& info, uint32_t startTraceID) const;
 
     // Appends up to maxTraces new traces (0 or more than TraceReadLimit: TraceReadLimit), sorted
-    // by ID. overflow tells that traces were lost; the output then holds a trace saying so.
+    // by ID. overflow tells that traces were lost; the output then holds a trace saying so, and
+    // info.Statistics counts them (from the gap in the IDs).
     void Read(TraceReaderInfo& info, std::vector<std::unique_ptr<Trace>>& traces, bool& overflow,
               uint32_t maxTraces) const;
 
@@ -175,8 +175,19 @@ private:
     // Valid and large enough for its own data, in steps of 8: a reader may advance by its Size.
     static bool IsUsableTraceData(const TraceData& entry);
     bool IsOldTraceData(const TraceData& entry, uint32_t counter) const;
-    void HoldBack(uint32_t position, uint32_t traceID) const;
-    bool IsLongHeldBack(uint32_t position, uint32_t traceID) const;
+    // Samples the ID counter and then the write index as the cursor's next floor; returns the index.
+    uint32_t SampleFloor(TraceReaderInfo& info) const;
+    // Whether the complete entry at position is left from an earlier lap.
+    bool IsStale(const TraceReaderInfo& info, const TraceData& entry, uint32_t position) const;
+    // Whether the copy of the entry at position (header copy in entry) can be trusted.
+    bool IsCopyWhole(const TraceData& shared, const TraceData& entry, uint32_t position) const;
+    bool IsChainIntact(const TraceReaderInfo& info, uint32_t position, uint32_t size,
+                       uint32_t writeIndex) const;
+    // Whether the entry at the cursor has stayed incomplete for longer than a writer can take.
+    bool StallOutlasted(TraceReaderInfo& info) const;
+    // Moves the cursor forward to the first intact entry of the current lap at or after from.
+    // False when there is none: the cursor then stands at the write index.
+    bool Resync(TraceReaderInfo& info, uint32_t from, uint64_t& timestamp) const;
     uint64_t FindFirstUnreadTraceEntry(TraceReaderInfo& info) const;
     ErrorType ReadOneTrace(TraceReaderInfo& info, std::vector<std::unique_ptr<Trace>>& pending,
                            uint32_t writeIndexSnapshot) const;
@@ -205,14 +216,6 @@ private:
 
     // First parts of split messages waiting for their remaining parts, by first-part TraceID.
     mutable std::unordered_map<uint32_t, std::unique_ptr<Trace>, Fnv1aHash> m_splitTraces;
-    // Complete entries that cursors found older than expected, and since when (ms tick).
-    struct HeldBackEntry {
-        uint32_t position;
-        uint32_t traceID;
-        uint32_t since;
-    };
-    mutable std::array<HeldBackEntry, 8> m_heldBack{};
-    mutable size_t m_nextHeldBack = 0;
     mutable std::mutex m_readMutex;
 };
 
