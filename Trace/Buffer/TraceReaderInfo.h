@@ -50,6 +50,10 @@ struct TraceReaderInfo {
     uint32_t StallPosition = 0;
     uint32_t StallSince = 0;
     bool Stalled = false;
+    // The highest ID when traces were last counted as lost, and the entries read since: a loss is
+    // the IDs passed since then that no entry accounts for.
+    uint32_t CountedTraceID = 0;
+    uint32_t EntriesSinceCounted = 0;
     TraceReadStatistics Statistics;
 };
 

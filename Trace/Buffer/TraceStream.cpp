@@ -42,10 +42,11 @@ constexpr unsigned IncompleteTraceRetries = 10;
 constexpr unsigned MaxResyncsPerRead = 64;
 constexpr unsigned SuccessorsToAccept = 5;
 // A writer holds its span for one copy of at most 2 KiB, and each read already waits 10 ms for it.
-// A span still incomplete four update cycles (200 ms) after it was first seen has a writer that is
-// dead or descheduled far beyond normal scheduling delays; waiting longer holds back every later
-// trace of the buffer and lets the ring lap the reader, losing far more than the one entry.
-constexpr uint32_t StallLimitMs = 200;
+// A span still incomplete ten update cycles (500 ms) after it was first seen has a writer that died
+// or is descheduled far beyond what even an overloaded machine does to a runnable thread (tens of
+// ms; at 200 ms a busy two-core machine still showed false losses). Waiting longer only delays the
+// buffer's later traces: a writer that laps the waiting reader is handled as an overflow anyway.
+constexpr uint32_t StallLimitMs = 500;
 
 // Types that are serialised: 1 to 12. Invalid and unknown values are left out.
 inline bool IsWrittenType(uint16_t type) {
@@ -631,13 +632,21 @@ TraceStream::ErrorType TraceStream::ConnectReader(TraceReaderInfo& info, uint32_
         return info.Buffer == m_buffer ? Ok : ReaderAlreadyConnected;
     info.Buffer = m_buffer;
     FindFirstUnreadTraceEntry(info);
-    if (startTraceID == 0)
-        return Ok;
+    if (startTraceID != 0)
+        SkipTo(info, startTraceID);
+    // What was skipped to get here is neither delivered nor lost.
+    info.Statistics = {};
+    info.CountedTraceID = info.LastTraceID;
+    info.EntriesSinceCounted = 0;
+    return Ok;
+}
+
+void TraceStream::SkipTo(TraceReaderInfo& info, uint32_t startTraceID) const {
     const uint32_t counter = GetTotalTraceCounter();
     if (startTraceID >= counter) {
         info.ReadIndex = m_header->GetAtomicWriteIndex().load(std::memory_order_seq_cst);
         info.LastTraceID = counter;
-        return Ok;
+        return;
     }
     // Skip what the caller has seen. Stop when a read moves nothing (the rest is not there yet),
     // and after as many reads as the ring holds entries: a corrupt ring can send the cursor round
@@ -653,7 +662,6 @@ TraceStream::ErrorType TraceStream::ConnectReader(TraceReaderInfo& info, uint32_
         if (info.ReadIndex == readIndex && info.LastTraceID == lastTraceID)
             break;
     }
-    return Ok;
 }
 
 TraceStream::ErrorType TraceStream::ReadContinuation(TraceReaderInfo& info, const TraceData& entry,
@@ -682,6 +690,7 @@ TraceStream::ErrorType TraceStream::ReadContinuation(TraceReaderInfo& info, cons
     }
     if (IsNewerID(entry.TraceID, info.LastTraceID))
         info.LastTraceID = entry.TraceID;
+    ++info.EntriesSinceCounted;
     info.ReadIndex += entry.Size;
     return Ok;
 }
@@ -757,6 +766,7 @@ TraceStream::ErrorType TraceStream::ReadOneTrace(TraceReaderInfo& info,
     if (IsNewerID(entry.TraceID, info.LastTraceID))
         info.LastTraceID = entry.TraceID;
     info.LastTimestamp = lastTimestamp;
+    ++info.EntriesSinceCounted;
     info.ReadIndex += entry.Size;
     return Ok;
 }
@@ -808,15 +818,19 @@ void TraceStream::Read(TraceReaderInfo& info, std::vector<std::unique_ptr<Trace>
             break;
 
         // Lapped, torn, unreadable or stalled: go on at the next intact entry of this lap. What
-        // lies between is lost; its number is the gap in the IDs (at least the entry given up).
+        // lies between is lost; its number is the gap in the IDs.
         overflow = true;
         m_splitTraces.clear();
         info.Stalled = false;
-        const uint32_t lastTraceID = info.LastTraceID;
         uint64_t timestamp = 0;
         const bool found = Resync(info, info.ReadIndex + 8, timestamp);
-        const uint32_t gap = IsNewerID(info.LastTraceID, lastTraceID) ? info.LastTraceID - lastTraceID : 0;
-        const uint64_t lost = std::max<uint64_t>(gap, 1);
+        const uint32_t passed =
+            IsNewerID(info.LastTraceID, info.CountedTraceID) ? info.LastTraceID - info.CountedTraceID : 0;
+        const uint32_t gap = passed > info.EntriesSinceCounted ? passed - info.EntriesSinceCounted : 0;
+        info.CountedTraceID = info.LastTraceID;
+        info.EntriesSinceCounted = 0;
+        // A stalled writer may not have drawn its ID yet: the span it holds is one trace.
+        const uint64_t lost = result == IncompleteTrace ? std::max<uint32_t>(gap, 1) : gap;
         info.Statistics.Lost += lost;
         info.Statistics.LargestGap = std::max(info.Statistics.LargestGap, lost);
         ++info.Statistics.Overflows;

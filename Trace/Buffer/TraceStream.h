@@ -189,6 +189,7 @@ private:
     // False when there is none: the cursor then stands at the write index.
     bool Resync(TraceReaderInfo& info, uint32_t from, uint64_t& timestamp) const;
     uint64_t FindFirstUnreadTraceEntry(TraceReaderInfo& info) const;
+    void SkipTo(TraceReaderInfo& info, uint32_t startTraceID) const;
     ErrorType ReadOneTrace(TraceReaderInfo& info, std::vector<std::unique_ptr<Trace>>& pending,
                            uint32_t writeIndexSnapshot) const;
     ErrorType ReadContinuation(TraceReaderInfo& info, const TraceData& entry, const TraceData& shared,

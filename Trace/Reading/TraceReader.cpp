@@ -66,6 +66,12 @@ struct TraceReader::Private {
     std::map<int32_t, BufferEntry> buffers;
     std::vector<ITraceReaderEventListener*> listeners;
     std::vector<std::unique_ptr<Trace>> pending;
+    // Counts of buffers that were deleted.
+    TraceReadStatistics retired;
+    // Held from reading to the end of the listener calls, so that listeners are called on one
+    // thread at a time and in reading order. Recursive: a listener may unregister a buffer, whose
+    // last traces are then delivered from inside its call.
+    std::recursive_mutex delivery;
     // One buffer's traces: the stream's limit counts what the output already holds.
     std::vector<std::unique_ptr<Trace>> scratch;
 };
@@ -215,10 +221,24 @@ void TraceReader::ReadTraces(std::vector<std::unique_ptr<Trace>>& traces) {
 }
 
 void TraceReader::Update() {
+    // A user thread delivering a deleted buffer's last traces: this cycle leaves the reading to it
+    // and the next one reads on. Not waiting also keeps a listener of that thread free to take the
+    // reader off the updater thread, which waits for this call to end.
+    std::unique_lock<std::recursive_mutex> delivery(m_private->delivery, std::try_to_lock);
+    if (!delivery.owns_lock())
+        return;
     std::vector<std::unique_ptr<Trace>> traces;
     Read(traces, false, nullptr);
     if (!traces.empty())
         FireNewTraces(traces);
+}
+
+TraceReadStatistics TraceReader::GetStatistics() const {
+    std::lock_guard<std::mutex> lock(m_private->mutex);
+    TraceReadStatistics total = m_private->retired;
+    for (const auto& [id, entry] : m_private->buffers)
+        total += entry.info.Statistics;
+    return total;
 }
 
 void TraceReader::FireNewTraces(std::vector<std::unique_ptr<Trace>>& traces) {
@@ -308,12 +328,20 @@ void TraceReader::OnBuffersCreated(const std::unordered_set<int>& bufferIDs) {
 void TraceReader::OnBuffersDeleted(const std::unordered_set<int>& bufferIDs) {
     if (bufferIDs.empty())
         return;
+    // The last traces are delivered before this returns (the buffer's owner may be about to
+    // unmap it), serialised with the updater thread's deliveries rather than handed to it.
+    std::lock_guard<std::recursive_mutex> delivery(m_private->delivery);
     std::vector<std::unique_ptr<Trace>> traces;
     Read(traces, true, &bufferIDs);
     {
         std::lock_guard<std::mutex> lock(m_private->mutex);
-        for (int id : bufferIDs)
-            m_private->buffers.erase(id);
+        for (int id : bufferIDs) {
+            const auto it = m_private->buffers.find(id);
+            if (it == m_private->buffers.end())
+                continue;
+            m_private->retired += it->second.info.Statistics;
+            m_private->buffers.erase(it);
+        }
     }
     if (!traces.empty())
         FireNewTraces(traces);

@@ -9,7 +9,9 @@
 //
 // Locks: one mutex per reader guards its state. It is held while buffers are read, never while
 // listeners are called, and never while the reader is removed from the updater thread (which
-// waits for a running Update of this reader).
+// waits for a running Update of this reader). Listeners are called on one thread at a time: a
+// deleted buffer's last traces are delivered by the thread that learns of the deletion, after any
+// delivery in progress, while the updater thread skips its cycle instead of waiting for it.
 #pragma once
 
 #include <cstdint>
@@ -17,6 +19,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "Trace/Buffer/TraceReaderInfo.h"
 #include "Trace/Reading/ITraceReaderEventListener.h"
 #include "Trace/Reading/IUpdaterItem.h"
 #include "Trace/Registry/ITraceRegistryDataChangedListener.h"
@@ -67,6 +70,10 @@ public:
 
     // Updater thread: reads and notifies the listeners.
     void Update() override;
+
+    // Traces delivered and lost (counted from the gaps in the trace IDs) over every buffer read,
+    // deleted ones included; Overflows counts the reports of losses among the traces.
+    TraceReadStatistics GetStatistics() const;
 
 private:
     struct Private;

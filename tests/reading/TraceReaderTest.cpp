@@ -2,8 +2,11 @@
 // limit and delivery order, traces kept for ReadTraces, pausing, and a deleted buffer's last traces.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <map>
 #include <memory>
 #include <string>
+#include <thread>
 #include <unordered_set>
 #include <vector>
 
@@ -14,6 +17,7 @@
 #include "Trace/Records/Trace.h"
 #include "Trace/Registry/TraceRegistry.h"
 #include "platform/EventLog.h"
+#include "platform/Thread.h"
 
 namespace Tracing {
 
@@ -175,4 +179,69 @@ TEST(TraceReader, ADeletedBufferGivesAllItsLastTracesThenLeaves) {
     reader.ReadTraces(traces);
     EXPECT_EQ(Messages(traces), Expected("k", 10, 20));
     EXPECT_EQ(reader.RegisterBuffer(deleted->GetBufferID(), 0), TraceReader::Success);
+}
+
+namespace {
+
+// Counts calls entered while another is running, and checks each buffer's IDs keep rising.
+class SerialListener : public ITraceReaderEventListener {
+public:
+    explicit SerialListener(TraceReader& reader) : m_reader(reader) {}
+    void OnNewTraces(std::vector<std::unique_ptr<Trace>>& traces) override {
+        if (m_inside.fetch_add(1) != 0)
+            ++overlaps;
+        for (const auto& trace : traces) {
+            uint32_t& last = m_lastID[trace->GetBufferID()];
+            if (trace->GetID() <= last && trace->GetModuleID() != -1)
+                ++disorders;
+            last = trace->GetID();
+        }
+        Platform::SleepMs(5);  // widens the window another thread could enter
+        if (leaveNow.exchange(false))
+            m_reader.UnregisterEventListener(*this);
+        m_inside.fetch_sub(1);
+    }
+    std::atomic<int> overlaps{0};
+    std::atomic<int> disorders{0};
+    std::atomic<bool> leaveNow{false};
+
+private:
+    TraceReader& m_reader;
+    std::atomic<int> m_inside{0};
+    std::map<int, uint32_t> m_lastID;
+};
+
+}  // namespace
+
+// The updater thread delivers a busy buffer's traces while a user thread deletes buffers, whose
+// last traces it delivers itself: one call at a time, each buffer in order, and a listener that
+// leaves from inside the user thread's call does not deadlock with the updater thread.
+TEST(TraceReader, ListenersAreCalledOnOneThreadAtATime) {
+    TraceBuffer* busy = MakeBuffer("Busy");
+    TraceBuffer* gone = MakeBuffer("Gone");
+    ASSERT_NE(busy, nullptr);
+    ASSERT_NE(gone, nullptr);
+    TraceReader reader;
+    ASSERT_EQ(reader.Create(0, false, false), TraceReader::Success);
+    ASSERT_EQ(reader.RegisterBuffer(busy->GetBufferID(), 0), TraceReader::Success);
+    SerialListener listener(reader);
+    reader.RegisterEventListener(listener);
+    std::atomic<bool> stop{false};
+    std::thread writer([&] {
+        while (!stop.load()) {
+            Write(*busy, 20, "b");
+            Platform::SleepMs(1);
+        }
+    });
+    for (int round = 0; round < 40; ++round) {
+        ASSERT_EQ(reader.RegisterBuffer(gone->GetBufferID(), gone->GetTraceStream()->GetTotalTraceCounter()),
+                  TraceReader::Success);
+        Write(*gone, 5, "g");
+        listener.leaveNow = round == 39;
+        reader.OnBuffersDeleted({gone->GetBufferID()});  // as UnregisterBuffer does, on this thread
+    }
+    stop = true;
+    writer.join();
+    EXPECT_EQ(listener.overlaps.load(), 0);
+    EXPECT_EQ(listener.disorders.load(), 0);
 }
