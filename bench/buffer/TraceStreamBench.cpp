@@ -14,6 +14,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Trace/Buffer/TraceBufferData.h"
@@ -22,6 +23,7 @@
 #include "Trace/Time/TraceTimer.h"
 #include "bench/support/BenchSupport.h"
 #include "platform/Clock.h"
+#include "platform/Thread.h"
 
 using namespace Tracing;
 
@@ -183,6 +185,48 @@ void BM_Read1M(benchmark::State& state) {
     state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * Count);
 }
 
+// A reader that falls behind: a producer thread writes 1 M traces/s (in 1 ms bursts) into the
+// default 1 MiB ring (about 14 500 entries of 72 bytes) while a reader reads every 50 ms, as the
+// updater thread does. The ring caps what can be read at about a ring's worth per cycle (29 %);
+// the recovery from each overflow should keep close to that. Counters: delivered and overflow
+// reports per trace written.
+void BM_LappedReader1MPerSecond(benchmark::State& state) {
+    constexpr int Seconds = 2;
+    for (auto _ : state) {
+        BenchRing ring(1 << 20);
+        TraceReaderInfo info;
+        ring.stream->ConnectReader(info, 0);
+        std::atomic<bool> stop{false};
+        std::atomic<uint64_t> written{0};
+        std::thread producer([&] {
+            TwoInts p;
+            const uint64_t start = Platform::TickMs();
+            for (uint64_t ms = 0; ms < Seconds * 1000u; ++ms) {
+                while (Platform::TickMs() - start < ms)
+                    Platform::SleepMs(1);
+                for (int i = 0; i < 1000; ++i)
+                    ring.stream->Write(0, 1, 2, 0, 4, nullptr, 0, Message, 2, p.params);
+                written += 1000;
+            }
+            stop = true;
+        });
+        uint64_t delivered = 0, reports = 0;
+        std::vector<std::unique_ptr<Trace>> traces;
+        for (bool last = false; !last;) {
+            last = stop.load();
+            Platform::SleepMs(50);
+            traces.clear();
+            bool overflow = false;
+            ring.stream->Read(info, traces, overflow, 0);
+            for (const auto& trace : traces)
+                (trace->GetModuleID() == -1 ? reports : delivered) += 1;
+        }
+        producer.join();
+        state.counters["delivered%"] = 100.0 * static_cast<double>(delivered) / static_cast<double>(written);
+        state.counters["reports"] = static_cast<double>(reports);
+    }
+}
+
 #define HOT_PATH(name) BENCHMARK(name)->Repetitions(9)->ReportAggregatesOnly(true)->ThreadRange(1, 2)
 HOT_PATH(BM_Raw_NoClock);
 HOT_PATH(BM_Raw_NoClock_IdCounter);
@@ -190,6 +234,7 @@ HOT_PATH(BM_WriteText_TimestampGiven);
 HOT_PATH(BM_Raw_WithClock);
 HOT_PATH(BM_WriteText_StreamReadsClock);
 BENCHMARK(BM_FilteredOut)->Repetitions(7)->ReportAggregatesOnly(true);
+BENCHMARK(BM_LappedReader1MPerSecond)->Iterations(1)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Read1M)->Arg(1000)->Arg(50000)->Repetitions(3)->ReportAggregatesOnly(true)->Unit(
     benchmark::kMillisecond);
 
