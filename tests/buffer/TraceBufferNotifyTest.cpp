@@ -19,13 +19,11 @@ namespace {
 // Records every call; the updater thread and the test thread both touch it.
 class Recorder : public ITraceBufferDataChangedListener, public INewTracesListener {
 public:
-    void OnSystemNameChanged(TraceBuffer&, const std::string&, const std::string& newName) override {
-        Add("system " + newName);
+    void OnSystemNameChanged(TraceBuffer&, const std::string&, const std::string& name) override {
+        Add("system " + name);
     }
-    void OnModulesCreated(TraceBuffer&, const std::set<int>& ids) override { Add("created " + Ids(ids)); }
-    void OnModuleFiltersChanged(TraceBuffer&, const std::set<int>& ids) override {
-        Add("filters " + Ids(ids));
-    }
+    void OnModulesCreated(TraceBuffer&, const std::set<int>& ids) override { Add("created ", ids); }
+    void OnModuleFiltersChanged(TraceBuffer&, const std::set<int>& ids) override { Add("filters ", ids); }
     void OnFlagsRegistered(TraceBuffer&, int id, unsigned flags) override {
         Add("flags " + std::to_string(id) + ":" + std::to_string(flags));
     }
@@ -41,13 +39,9 @@ public:
     }
 
 private:
-    static std::string Ids(const std::set<int>& ids) {
-        std::string text;
+    void Add(std::string call, const std::set<int>& ids = {}) {
         for (int id : ids)
-            text += std::to_string(id) + ",";
-        return text;
-    }
-    void Add(const std::string& call) {
+            call += std::to_string(id) + ",";
         std::lock_guard lock(m_mutex);
         m_calls.push_back(call);
     }
