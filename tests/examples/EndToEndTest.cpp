@@ -334,17 +334,13 @@ TEST_F(EndToEndTest, KilledProducerKeepsEveryCompletedTraceAndLeavesNothing) {
     EXPECT_EQ(*seen.rbegin(), static_cast<int>(seen.size()) - 1) << "a gap";
 }
 
-class FilterCounter : public ITraceBufferDataChangedListener {
-public:
-    explicit FilterCounter(int moduleID) : m_moduleID(moduleID) {}
-    void OnModuleFiltersChanged(TraceBuffer&, const std::set<int>& moduleIDs) override {
-        if (moduleIDs.count(m_moduleID) != 0)
-            ++calls;
+struct FilterCounter : ITraceBufferDataChangedListener {
+    explicit FilterCounter(int moduleID) : moduleID(moduleID) {}
+    void OnModuleFiltersChanged(TraceBuffer&, const std::set<int>& ids) override {
+        calls += static_cast<int>(ids.count(moduleID));
     }
+    const int moduleID;
     std::atomic<int> calls{0};
-
-private:
-    int m_moduleID;
 };
 
 TEST_F(EndToEndTest, FilterChangesTravelBothWays) {
