@@ -525,8 +525,12 @@ uint32_t TraceStream::SampleFloor(TraceReaderInfo& info) const {
 // after it would all look old. An entry of the earlier lap at position p was reserved at p - size
 // or before; while p lies less than half a ring behind the floor's position, it was numbered before
 // the floor was sampled (give or take the writers then in flight, far fewer than half a ring of
-// entries). Elsewhere only the spec'd ID tolerance against the highest ID read is left.
+// entries). In the first lap nothing is older; elsewhere only the ID tolerance against the
+// highest ID read is left.
 bool TraceStream::IsStale(const TraceReaderInfo& info, const TraceData& entry, uint32_t position) const {
+    // The flag is set before the first write past the ring's end, read here after the entry.
+    if (position < m_size && m_ringWasFilled.load(std::memory_order_seq_cst) == 0)
+        return false;
     if (info.FloorValid && position - info.FloorPosition < m_size / 2)
         return !IsNewerID(entry.TraceID, info.FloorID);
     return IsOldTraceData(entry, info.LastTraceID);
