@@ -5,7 +5,8 @@
 // spill area, so no entry is ever wrapped. Nothing is erased: a writer reserves its span with one
 // fetch-and-add on the free-running write index of the buffer header and overwrites what lay
 // there. Readers keep their own cursor (TraceReaderInfo) and tell complete, torn and stale entries
-// apart from the entry header alone.
+// apart from the entry header, the write index and the ID counter (sampled together, they show
+// which IDs an earlier lap left behind).
 //
 // Shared words used (all in TraceBufferData): write index, total trace counter, ring-was-filled
 // flag, timestamp mode and the global-trace-ID bit. With global trace IDs the trace-ID counter is
