@@ -1,5 +1,6 @@
 #include "Trace/Records/Trace.h"
 
+#include <charconv>
 #include <cstdio>
 #include <cstring>
 
@@ -157,10 +158,13 @@ void Trace::FillExtendedData(const TraceBuffer* buffer) {
     // Without the producer's buffer the texts could not agree with each other: keep them all.
     if (buffer == nullptr)
         return;
+    // "%llu (0x%x)" of process and thread, without a printf per record.
     char text[64];
-    std::snprintf(text, sizeof(text), "%llu (0x%x)", static_cast<unsigned long long>(m_processID),
-                  m_threadID);
-    m_threadIDText = text;
+    char* end = std::to_chars(text, text + 24, static_cast<unsigned long long>(m_processID)).ptr;
+    std::memcpy(end, " (0x", 4);
+    end = std::to_chars(end + 4, end + 16, m_threadID, 16).ptr;
+    *end++ = ')';
+    m_threadIDText.assign(text, end);
     m_timestampMode = buffer->GetTimestampMode();
     TraceTimer::Format(m_timestamp, m_timestampText, m_timestampMode);
     m_severityText = Severity::Name(m_severityWord & Severity::Mask);

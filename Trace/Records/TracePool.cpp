@@ -62,7 +62,7 @@ struct Shared {
             free.MoveTo(local, Batch);
             return;
         }
-        auto* chunk = static_cast<char*>(::operator new(Batch * BlockSize));
+        auto* chunk = static_cast<char*>(::operator new(Batch* BlockSize));
         chunks.push_back(chunk);
         blocks += Batch;
         for (std::size_t i = Batch; i-- != 0;)
@@ -84,6 +84,7 @@ Shared& GetShared() {
 // later thread-local or static destructor then goes straight to the shared list).
 struct LocalState {
     FreeList free;
+    bool flushing = false;  // the thread's LocalFlush exists
     bool retired = false;
 };
 thread_local LocalState t_local;
@@ -97,6 +98,13 @@ struct LocalFlush {
     }
 };
 
+// Once per thread that keeps blocks, whether it makes records or only drops them.
+[[gnu::noinline]] void StartFlushing(LocalState& local) {
+    static thread_local LocalFlush flush;
+    (void)flush;
+    local.flushing = true;
+}
+
 }  // namespace
 
 void* TracePool::Allocate(std::size_t size) {
@@ -104,10 +112,8 @@ void* TracePool::Allocate(std::size_t size) {
         return ::operator new(size);
     LocalState& local = t_local;
     if (local.free.head == nullptr) [[unlikely]] {
-        if (!local.retired) {
-            static thread_local LocalFlush flush;
-            (void)flush;
-        }
+        if (!local.flushing && !local.retired)
+            StartFlushing(local);
         GetShared().Refill(local.free);
     }
     return local.free.Pop();
@@ -119,6 +125,8 @@ void TracePool::Release(void* block, std::size_t size) noexcept {
     if (!Pooled || size != sizeof(Trace))
         return ::operator delete(block);
     LocalState& local = t_local;
+    if (!local.flushing && !local.retired) [[unlikely]]
+        StartFlushing(local);
     local.free.Push(static_cast<Block*>(block));
     if (local.retired) [[unlikely]]
         GetShared().Take(local.free, local.free.count);

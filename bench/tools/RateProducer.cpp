@@ -34,7 +34,8 @@ int main(int argc, char** argv) {
     const int of = static_cast<int>(total);
     TraceParameter params[2];
     for (unsigned ms = 1; written < total; ++ms) {
-        const auto due = std::min<unsigned long long>(total, static_cast<unsigned long long>(rate * ms / 1000.0));
+        const auto due =
+            std::min<unsigned long long>(total, static_cast<unsigned long long>(rate * ms / 1000.0));
         for (; written < due; ++written) {
             value = static_cast<int>(written);
             trace_param_init(&params[0], TRACE_PARAM_INT32, &value);
