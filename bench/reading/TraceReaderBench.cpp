@@ -99,24 +99,30 @@ void BM_RingRead(benchmark::State& state) {
     Check(state, read);
 }
 
+// Reads the whole buffer with a reader taking state.range(0) traces per read; each batch goes to use.
+template <typename Use>
+size_t ReadAll(FilledBuffer& buffer, benchmark::State& state, bool fillExtended, Use&& use) {
+    TraceReader reader;
+    reader.Create(static_cast<unsigned>(state.range(0)), false, fillExtended);
+    reader.RegisterBuffer(buffer.consumer->GetBufferID(), 0);
+    size_t read = 0;
+    for (;;) {
+        std::vector<std::unique_ptr<Trace>> traces;
+        reader.ReadTraces(traces);
+        if (traces.empty())
+            return read;
+        use(traces);
+        read += traces.size();
+    }
+}
+
 void BM_TraceReader(benchmark::State& state) {
     FilledBuffer& buffer = Buffer();
     if (buffer.consumer == nullptr)
         return state.SkipWithError("no buffer");
     size_t read = 0;
-    for (auto _ : state) {
-        TraceReader reader;
-        reader.Create(static_cast<unsigned>(state.range(0)), false, false);
-        reader.RegisterBuffer(buffer.consumer->GetBufferID(), 0);
-        read = 0;
-        for (;;) {
-            std::vector<std::unique_ptr<Trace>> traces;
-            reader.ReadTraces(traces);
-            if (traces.empty())
-                break;
-            read += traces.size();
-        }
-    }
+    for (auto _ : state)
+        read = ReadAll(buffer, state, false, [](const auto&) {});
     Check(state, read);
 }
 
@@ -131,20 +137,11 @@ void BM_TailToCsv(benchmark::State& state) {
     for (auto _ : state) {
         std::ofstream file(path, std::ios::binary | std::ios::trunc);
         Tool::BatchedOutput out(file);
-        TraceReader reader;
-        reader.Create(static_cast<unsigned>(state.range(0)), false, true);
-        reader.RegisterBuffer(buffer.consumer->GetBufferID(), 0);
-        read = 0;
-        for (;;) {
-            std::vector<std::unique_ptr<Trace>> traces;
-            reader.ReadTraces(traces);
-            if (traces.empty())
-                break;
+        read = ReadAll(buffer, state, true, [&out](const std::vector<std::unique_ptr<Trace>>& traces) {
             for (const auto& trace : traces)
                 trace->WriteCsvToStream(out, Trace::CSV_SEPARATOR);
             out.Commit();
-            read += traces.size();
-        }
+        });
     }
     std::filesystem::remove(path);
     Check(state, read);
