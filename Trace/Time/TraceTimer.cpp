@@ -240,14 +240,26 @@ uint64_t TraceTimer::Parse(const char* text, TimestampMode::Type& mode) {
                                    &minute, &second, &fractionStart, &fraction, &end);
     const int digits = end - fractionStart;
     if (fields == 7 && fractionStart >= 0 && end >= 0 && static_cast<size_t>(end) == length && digits <= 7) {
-        std::tm time{};
-        time.tm_year = year - 1900;
-        time.tm_mon = month - 1;
-        time.tm_mday = day;
-        time.tm_hour = hour;
-        time.tm_min = minute;
-        time.tm_sec = second;
-        const int64_t seconds = Platform::MakeLocalTime(time);
+        // A file holds many timestamps of one second, and each conversion asks the system for the
+        // time zone: convert once per second and thread.
+        struct SecondValue {
+            int key[6] = {-1, -1, -1, -1, -1, -1};
+            int64_t seconds = 0;
+        };
+        thread_local SecondValue cached;
+        const int key[6] = {year, month, day, hour, minute, second};
+        if (std::memcmp(key, cached.key, sizeof key) != 0) {
+            std::tm time{};
+            time.tm_year = year - 1900;
+            time.tm_mon = month - 1;
+            time.tm_mday = day;
+            time.tm_hour = hour;
+            time.tm_min = minute;
+            time.tm_sec = second;
+            cached.seconds = Platform::MakeLocalTime(time);
+            std::memcpy(cached.key, key, sizeof key);
+        }
+        const int64_t seconds = cached.seconds;
         // Times before 1970 are refused like the failures: a timestamp cannot hold them.
         if (seconds < 0)
             return 0;
