@@ -274,15 +274,19 @@ std::vector<ProcessFigure> MeasureProcesses(int repetitions) {
 int main(int argc, char** argv) {
     Tracing::Bench::UseOwnPrefix();
     int repetitions = 5;
+    bool processes = true;  // a filtered run measures only what it names
     for (int i = 1; i < argc; ++i) {
         if (std::strncmp(argv[i], "--benchmark_repetitions=", 24) == 0)
             repetitions = std::max(1, std::atoi(argv[i] + 24));
+        if (std::strncmp(argv[i], "--benchmark_filter=", 19) == 0)
+            processes = false;
     }
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv))
         return 1;
     // Before this process creates anything, so that the children inherit nothing of the library.
-    const std::vector<ProcessFigure> processFigures = MeasureProcesses(repetitions);
+    const std::vector<ProcessFigure> processFigures =
+        processes ? MeasureProcesses(repetitions) : std::vector<ProcessFigure>{};
     Get();
     Tracing::Bench::RatioReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
