@@ -79,7 +79,8 @@ PAXLTRACE_API void trace_param_clear(TraceParameter* records, unsigned char coun
  * else goes to the exported function. (trace_param_init)(...) and &trace_param_init reach the
  * exported function directly.
  */
-static inline TraceParameter* trace_param_init_inline(TraceParameter* record, unsigned type, const void* value) {
+static inline TraceParameter* trace_param_init_inline(TraceParameter* record, unsigned type,
+                                                      const void* value) {
     unsigned size;
     switch (type) {
         case TRACE_PARAM_BOOL:

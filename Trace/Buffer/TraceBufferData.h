@@ -128,7 +128,7 @@ public:
     uint64_t* GetCounterAndWriteIndex() {
         void* word = &m_totalTraceCounter;
         return reinterpret_cast<uintptr_t>(word) % alignof(uint64_t) == 0 ? static_cast<uint64_t*>(word)
-                                                                            : nullptr;
+                                                                          : nullptr;
     }
     std::atomic_ref<uint8_t> GetRingBufferWasFilled() const { return Ref(m_ringBufferWasFilled); }
     std::atomic_ref<uint8_t> GetConsumerAttached() const { return Ref(m_consumerAttached); }
@@ -238,8 +238,9 @@ inline void TraceBufferData::CheckLayout() {
     static_assert(offsetof(TraceBufferData, m_totalTraceCounter) == 64);
     static_assert(offsetof(TraceBufferData, m_writeIndex) == 68);
     static_assert(offsetof(TraceBufferData, m_ringBufferSize) == 72);
-    static_assert(std::endian::native == std::endian::little && std::atomic_ref<uint64_t>::is_always_lock_free,
-                  "GetCounterAndWriteIndex: the counter is the low half of one lock-free word");
+    static_assert(
+        std::endian::native == std::endian::little && std::atomic_ref<uint64_t>::is_always_lock_free,
+        "GetCounterAndWriteIndex: the counter is the low half of one lock-free word");
     static_assert(offsetof(TraceBufferData, m_systemName) == 76);
     static_assert(offsetof(TraceBufferData, m_hostName) == 109);
     static_assert(offsetof(TraceBufferData, m_applicationName) == 142);

@@ -69,7 +69,8 @@ TraceEngine* CreateEngine(const char* buffer, unsigned mode, bool globalIds) {
 
 struct RawRing {
     RawRing() {
-        void* memory = mmap(nullptr, RingSize + 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+        void* memory =
+            mmap(nullptr, RingSize + 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
         base = memory == MAP_FAILED ? nullptr : static_cast<char*>(memory);
         std::memcpy(image + 40, Message, 24);
         image[64] = 4;
@@ -86,14 +87,16 @@ RawRing& Ring() {
 }
 
 inline void RawWrite(RawRing& ring, Clock clock, int value, int total) {
-    const uint32_t position = std::atomic_ref<uint32_t>(ring.index).fetch_add(EntrySize, std::memory_order_seq_cst);
+    const uint32_t position =
+        std::atomic_ref<uint32_t>(ring.index).fetch_add(EntrySize, std::memory_order_seq_cst);
     char* entry = ring.base + (position & (RingSize - 1));
     std::memcpy(entry, ring.image, EntrySize);
     std::memcpy(entry + 65, &value, 4);
     std::memcpy(entry + 70, &total, 4);
     const uint64_t now = ReadClock(clock);
     std::memcpy(entry + 16, &now, 8);
-    std::atomic_ref<uint16_t>(*reinterpret_cast<uint16_t*>(entry + 34)).store(0x5555, std::memory_order_release);
+    std::atomic_ref<uint16_t>(*reinterpret_cast<uint16_t*>(entry + 34))
+        .store(0x5555, std::memory_order_release);
 }
 
 template <Clock C>
@@ -169,7 +172,8 @@ void BM_FilteredOut(benchmark::State& state) {
     int value = 0;
     for (auto _ : state) {
         if ((std::atomic_ref<unsigned>(*engines.filterWord).load(std::memory_order_relaxed) & 7u) >= 6u)
-            [[unlikely]] CWrite(engines.filterEngine, ++value, 1000);
+            [[unlikely]]
+            CWrite(engines.filterEngine, ++value, 1000);
         benchmark::DoNotOptimize(value);
     }
 }
@@ -311,11 +315,13 @@ int main(int argc, char** argv) {
     row("C OPTIMAL, per-buffer IDs", reporter.Median("BM_C_Optimal_LocalIds"), realtime1, 1.3);
     row("C++ PAXL_TRACE OPTIMAL", reporter.Median("BM_Cpp_Optimal"), realtime1, 1.25);
     row("C FAST / raw coarse", reporter.Median("BM_C_Fast"), reporter.Median("BM_Raw<Clock::Coarse>"), 1.5);
-    row("C SEQ_ID / raw no clock", reporter.Median("BM_C_SeqId"), reporter.Median("BM_Raw<Clock::None>"), 2.0);
+    row("C SEQ_ID / raw no clock", reporter.Median("BM_C_SeqId"), reporter.Median("BM_Raw<Clock::None>"),
+        2.0);
     row("C SEQ_ID, per-buffer IDs / raw no clock", reporter.Median("BM_C_SeqId_LocalIds"),
         reporter.Median("BM_Raw<Clock::None>"), 2.0);
     row("two threads one buffer OPTIMAL", reporter.Median("BM_C_Optimal", 2), realtime2, 1.5);
-    row("two threads one buffer, per-buffer IDs", reporter.Median("BM_C_Optimal_LocalIds", 2), realtime2, 1.5);
+    row("two threads one buffer, per-buffer IDs", reporter.Median("BM_C_Optimal_LocalIds", 2), realtime2,
+        1.5);
     for (const ProcessFigure& f : processFigures) {
         char what[64];
         std::snprintf(what, sizeof what, "%d process(es) own buffers, global IDs %s", f.processes,
