@@ -11,6 +11,12 @@ namespace {
 
 #if defined(__SANITIZE_ADDRESS__)
 constexpr bool Pooled = false;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+constexpr bool Pooled = false;
+#else
+constexpr bool Pooled = true;
+#endif
 #else
 constexpr bool Pooled = true;
 #endif
