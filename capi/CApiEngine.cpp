@@ -267,26 +267,33 @@ PAXLTRACE_API unsigned trace_engine_get_module_id(TraceEngine* engine) {
     return static_cast<unsigned>(engine->moduleID);
 }
 
+namespace {
+
+[[gnu::cold]] void WriteBinaryTrace(TraceEngine* engine, const char* file, unsigned line,
+                                    unsigned severityWord, uint64_t binaryTextId, unsigned char count,
+                                    ::TraceParameter* parameters) {
+    engine->stream->Write(0, engine->moduleID, Platform::CurrentThreadId(), 0, severityWord, file, line,
+                          binaryTextId, count, parameters);
+}
+
+}  // namespace
+
 PAXLTRACE_API int trace_engine_write(TraceEngine* engine, const char* file, unsigned line,
                                      unsigned severityWord, const char* text, unsigned long long binaryTextId,
                                      unsigned char count, ::TraceParameter* parameters) {
-    // The caller has tested the filter word: no test, lock, allocation or system call here.
+    // The caller has tested the filter word: no test, lock, allocation or system call here. Only
+    // the call into the stream, so that this frame stays small.
     if (engine == nullptr || engine->stream == nullptr) [[unlikely]]
         return TRACE_ENGINE_NOT_CREATED;
-    const uint32_t threadID = Platform::CurrentThreadId();
     if (!engine->traceLocation) {
         file = nullptr;
         line = 0;
     }
     try {
-        if (text != nullptr) {
-            engine->stream->Write(0, engine->moduleID, threadID, 0, severityWord, file, line, text, count,
-                                  parameters, 0);
-        } else {
-            const uint64_t id = binaryTextId;
-            engine->stream->Write(0, engine->moduleID, threadID, 0, severityWord, file, line, id, count,
-                                  parameters);
-        }
+        if (text != nullptr) [[likely]]
+            engine->stream->WriteText(engine->moduleID, severityWord, file, line, text, count, parameters);
+        else
+            WriteBinaryTrace(engine, file, line, severityWord, binaryTextId, count, parameters);
     } catch (...) {
         // The entry is lost, but the caller's thread goes on.
     }

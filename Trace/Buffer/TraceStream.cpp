@@ -376,13 +376,8 @@ void TraceStream::WriteLongMessage(EntryPlan plan, uint32_t messageSize) {
     WriteEntry(plan);
 }
 
-inline uint32_t TraceStream::WriteEntry(const EntryPlan& plan) {
-    const uint32_t payload = plan.binaryTraceId != nullptr ? TraceData::BinaryTraceIdSize : plan.messageSize;
-    const uint32_t dataSize = payload + plan.parameters.size + plan.locationSize;
-    const uint32_t entrySize = ((dataSize + 7) & ~7u) + TraceData::SizeWithoutData;
-
+inline TraceData& TraceStream::Reserve(uint32_t entrySize, uint32_t& id) {
     uint32_t position;
-    uint32_t id = plan.traceID;
     if (id == 0 && m_counterAndIndex != nullptr) [[likely]] {
         // Per-buffer IDs: one addition reserves the span and draws the ID. When the counter wraps
         // to 0 it carries 1 into the write index until TakeBackCounterCarry removes it again; the
@@ -404,19 +399,122 @@ inline uint32_t TraceStream::WriteEntry(const EntryPlan& plan) {
             m_totalTraceCounter.exchange(id, std::memory_order_seq_cst);
         }
     }
-    TraceData& entry = *reinterpret_cast<TraceData*>(m_ringStart + (position & m_mask));
 
     // The write index now stands at least at the end of our span: testing that end saves a
     // second load of a word every writer is changing.
     if (m_ringWasFilled.load(std::memory_order_seq_cst) == 0 &&
         static_cast<uint64_t>(position) + entrySize > m_mask) [[unlikely]]
         m_ringWasFilled.store(1, std::memory_order_seq_cst);
+    return *reinterpret_cast<TraceData*>(m_ringStart + (position & m_mask));
+}
 
-    uint64_t timestamp = plan.timestamp;
-    if (timestamp == 0) {
-        const TimestampMode::Type mode = m_header->GetTimestampMode();
-        timestamp = m_clock != nullptr ? m_clock(mode) : m_timer->GetTimestamp(mode);
+inline uint64_t TraceStream::TakeTimestamp() const {
+    const TimestampMode::Type mode = m_header->GetTimestampMode();
+    return m_clock != nullptr ? m_clock(mode) : m_timer->GetTimestamp(mode);
+}
+
+namespace {
+
+// Type byte and value of each written parameter; returns the end of the copy.
+inline char* CopyParameters(char* out, const ::TraceParameter* params, unsigned count) {
+    for (unsigned i = 0; i < count; ++i) {
+        // Read before storing: the char stores could alias the record and force reloads.
+        const uint16_t type = params[i].type;
+        const uint32_t size = params[i].size;
+        if (!IsWrittenType(type))
+            continue;
+        *out++ = static_cast<char>(SerialisedType(type));
+        // Numbers: fixed-size copies instead of a library call each.
+        switch (size) {
+            case 4:
+                std::memcpy(out, params[i].data.bytes, 4);
+                break;
+            case 8:
+                std::memcpy(out, params[i].data.bytes, 8);
+                break;
+            case 1:
+                *out = static_cast<char>(params[i].data.bytes[0]);
+                break;
+            default:
+                std::memcpy(out, TraceParameter::GetData(params[i]), size);
+                break;
+        }
+        out += size;
     }
+    return out;
+}
+
+inline void CopyLocation(char* out, uint32_t lineNumber, const char* fileName, uint32_t fileNameLength) {
+    std::memcpy(out, &lineNumber, sizeof lineNumber);
+    CopyText(out + 4, fileName, fileNameLength);
+    out[4 + fileNameLength] = '\0';
+}
+
+}  // namespace
+
+void TraceStream::WriteText(int32_t moduleID, uint32_t severityMask, const char* fileName,
+                            uint32_t lineNumber, const char* message, uint8_t parameterCount,
+                            ::TraceParameter* parameters) {
+    // Sizes are taken once; whatever needs cutting, splitting or a long file name takes Write.
+    const unsigned count = parameters != nullptr ? std::min<unsigned>(parameterCount, MaxParameters) : 0;
+    const size_t fileNameLength = fileName != nullptr ? TextLength(fileName) : 0;
+    const size_t locationSize = fileName != nullptr ? fileNameLength + 5 : 0;
+    uint64_t parameterSize = 0;
+    for (unsigned i = 0; i < count; ++i) {
+        if (IsWrittenType(parameters[i].type))
+            parameterSize += static_cast<uint64_t>(parameters[i].size) + 1;
+    }
+    const size_t messageLength = message != nullptr ? TextLength(message) : 0;
+    if (message == nullptr || fileNameLength > MaxFileNameLength ||
+        parameterSize + locationSize > TraceData::MaxParameterSize ||
+        messageLength + 1 + parameterSize + locationSize > TraceData::MaxDataSize) [[unlikely]] {
+        Write(0, moduleID, Platform::CurrentThreadId(), 0, severityMask, fileName, lineNumber, message,
+              parameterCount, parameters);
+        return;
+    }
+    const uint32_t dataSize = static_cast<uint32_t>(messageLength + 1 + parameterSize + locationSize);
+    const uint32_t entrySize = ((dataSize + 7) & ~7u) + TraceData::SizeWithoutData;
+
+    uint32_t id = 0;
+    TraceData& entry = Reserve(entrySize, id);
+    const uint64_t timestamp = TakeTimestamp();
+
+    TraceData::BeginWrite(entry);
+    TraceData fields;
+    fields.Size = entrySize;
+    fields.TraceID = id;
+    fields.FirstPartID = 0;
+    fields.ModuleID = moduleID;
+    fields.SetTimestamp(timestamp);
+    fields.ThreadID = Platform::CurrentThreadId();
+    fields.SeverityMask = severityMask;
+    fields.MessageSize = static_cast<uint16_t>(messageLength + 1);
+    fields.TraceIndicator = 0;
+    fields.ParameterSize = static_cast<uint16_t>(parameterSize);
+    fields.LocationSize = static_cast<uint8_t>(locationSize);
+    fields.SplitMarker = TraceData::NotSplit;
+    TraceData::StoreHeader(entry, fields);
+
+    // Plain copies: this span is ours until Publish; readers re-check the entry after copying.
+    char* out = entry.GetData();
+    CopyText(out, message, messageLength);
+    out[messageLength] = '\0';
+    out = CopyParameters(out + messageLength + 1, parameters, count);
+    if (fileName != nullptr)
+        CopyLocation(out, lineNumber, fileName, static_cast<uint32_t>(fileNameLength));
+    TraceData::Publish(entry);
+}
+
+inline uint32_t TraceStream::WriteEntry(const EntryPlan& plan) {
+    const uint32_t payload = plan.binaryTraceId != nullptr ? TraceData::BinaryTraceIdSize : plan.messageSize;
+    const uint32_t dataSize = payload + plan.parameters.size + plan.locationSize;
+    const uint32_t entrySize = ((dataSize + 7) & ~7u) + TraceData::SizeWithoutData;
+
+    uint32_t id = plan.traceID;
+    TraceData& entry = Reserve(entrySize, id);
+    uint64_t timestamp = plan.timestamp;
+    if (timestamp == 0)
+        timestamp = TakeTimestamp();
 
     TraceData::BeginWrite(entry);
     TraceData fields;
@@ -444,36 +542,9 @@ inline uint32_t TraceStream::WriteEntry(const EntryPlan& plan) {
         out[plan.messageSize - 1] = '\0';
         out += plan.messageSize;
     }
-    const ::TraceParameter* params = plan.parameters.params;
-    for (uint8_t i = 0; i < plan.parameters.count; ++i) {
-        // Read before storing: the char stores could alias the record and force reloads.
-        const uint16_t type = params[i].type;
-        const uint32_t size = params[i].size;
-        if (!IsWrittenType(type))
-            continue;
-        *out++ = static_cast<char>(SerialisedType(type));
-        // Numbers: fixed-size copies instead of a library call each.
-        switch (size) {
-            case 4:
-                std::memcpy(out, params[i].data.bytes, 4);
-                break;
-            case 8:
-                std::memcpy(out, params[i].data.bytes, 8);
-                break;
-            case 1:
-                *out = static_cast<char>(params[i].data.bytes[0]);
-                break;
-            default:
-                std::memcpy(out, TraceParameter::GetData(params[i]), size);
-                break;
-        }
-        out += size;
-    }
-    if (plan.locationSize >= 4) {
-        std::memcpy(out, &plan.lineNumber, sizeof(plan.lineNumber));
-        std::memcpy(out + 4, plan.fileName, plan.fileNameLength);
-        out[4 + plan.fileNameLength] = '\0';
-    }
+    out = CopyParameters(out, plan.parameters.params, plan.parameters.count);
+    if (plan.locationSize >= 4)
+        CopyLocation(out, plan.lineNumber, plan.fileName, plan.fileNameLength);
     TraceData::Publish(entry);
     return id;
 }

@@ -77,6 +77,12 @@ public:
                uint32_t severityMask, const char* fileName, uint32_t lineNumber, const char* message,
                uint8_t parameterCount, ::TraceParameter* parameters, uint32_t firstPartID = 0);
 
+    // Writes a text trace of the calling thread with the next ID and the buffer's clock: the
+    // producer's common case, sized once and copied straight into the ring; traces that need
+    // cutting or splitting go on to Write.
+    void WriteText(int32_t moduleID, uint32_t severityMask, const char* fileName, uint32_t lineNumber,
+                   const char* message, uint8_t parameterCount, ::TraceParameter* parameters);
+
     // Writes a binary trace (an ID whose text the reader looks up instead of a message).
     void Write(uint32_t traceID, int32_t moduleID, uint32_t threadID, uint64_t timestamp,
                uint32_t severityMask, const char* fileName, uint32_t lineNumber,
@@ -162,6 +168,10 @@ private:
     static uint64_t doParamTruncation(uint32_t locationSize, uint8_t count, ::TraceParameter* params);
     [[gnu::cold]] static uint32_t ShrinkParameters(uint32_t locationSize, uint8_t count,
                                                    ::TraceParameter* params);
+    // Reserves entrySize bytes and numbers them: id 0 draws the next ID, another one is used and
+    // continued from.
+    [[gnu::always_inline]] TraceData& Reserve(uint32_t entrySize, uint32_t& id);
+    [[gnu::always_inline]] uint64_t TakeTimestamp() const;
     // Reserves, numbers and fills one entry; returns its TraceID.
     [[gnu::always_inline]] uint32_t WriteEntry(const EntryPlan& plan);
     [[gnu::cold]] void WriteLongMessage(EntryPlan plan, uint32_t messageSize);

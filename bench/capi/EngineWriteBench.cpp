@@ -78,6 +78,7 @@ struct RawRing {
     }
     char* base = nullptr;
     alignas(64) uint32_t index = 0;
+    alignas(64) uint32_t counter = 0;  // stands in for the machine-wide trace-ID counter
     alignas(8) char image[EntrySize] = {};
 };
 
@@ -105,6 +106,18 @@ void BM_Raw(benchmark::State& state) {
     int value = 0;
     for (auto _ : state) {
         RawWrite(ring, C, ++value, 1000);
+        benchmark::ClobberMemory();
+    }
+}
+
+// The floor of a write with global trace IDs: the raw write plus the second locked addition.
+void BM_Raw_SecondCounter(benchmark::State& state) {
+    RawRing& ring = Ring();
+    int value = 0;
+    for (auto _ : state) {
+        RawWrite(ring, Clock::None, ++value, 1000);
+        benchmark::DoNotOptimize(
+            std::atomic_ref<uint32_t>(ring.counter).fetch_add(1, std::memory_order_seq_cst));
         benchmark::ClobberMemory();
     }
 }
@@ -182,6 +195,7 @@ void BM_FilteredOut(benchmark::State& state) {
 #define ONE_THREAD(name) BENCHMARK(name)->ReportAggregatesOnly(true)
 ONE_THREAD(BM_Raw<Clock::None>);
 ONE_THREAD(BM_Raw<Clock::Coarse>);
+ONE_THREAD(BM_Raw_SecondCounter);
 ONE_AND_TWO_THREADS(BM_Raw<Clock::Realtime>);
 ONE_AND_TWO_THREADS(BM_C_Optimal);
 ONE_AND_TWO_THREADS(BM_C_Optimal_LocalIds);
@@ -310,6 +324,7 @@ int main(int argc, char** argv) {
     row("raw, CLOCK_REALTIME", realtime1, 0, 0);
     row("raw, coarse clock", reporter.Median("BM_Raw<Clock::Coarse>"), 0, 0);
     row("raw, no clock", reporter.Median("BM_Raw<Clock::None>"), 0, 0);
+    row("raw, no clock, + second counter", reporter.Median("BM_Raw_SecondCounter"), 0, 0);
     row("raw, two threads one ring, CLOCK_REALTIME", realtime2, 0, 0);
     row("C trace_engine_write OPTIMAL", reporter.Median("BM_C_Optimal"), realtime1, 1.3);
     row("C OPTIMAL, per-buffer IDs", reporter.Median("BM_C_Optimal_LocalIds"), realtime1, 1.3);
@@ -319,6 +334,8 @@ int main(int argc, char** argv) {
         2.0);
     row("C SEQ_ID, per-buffer IDs / raw no clock", reporter.Median("BM_C_SeqId_LocalIds"),
         reporter.Median("BM_Raw<Clock::None>"), 2.0);
+    row("C SEQ_ID / raw no clock + second counter", reporter.Median("BM_C_SeqId"),
+        reporter.Median("BM_Raw_SecondCounter"), 2.0);
     row("two threads one buffer OPTIMAL", reporter.Median("BM_C_Optimal", 2), realtime2, 1.5);
     row("two threads one buffer, per-buffer IDs", reporter.Median("BM_C_Optimal_LocalIds", 2), realtime2,
         1.5);

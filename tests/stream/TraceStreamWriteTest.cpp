@@ -7,6 +7,7 @@
 
 #include "StreamTestRing.h"
 #include "platform/EventLog.h"
+#include "platform/Thread.h"
 
 using namespace Tracing;
 using namespace Tracing::Test;
@@ -265,5 +266,55 @@ TEST(TraceStreamWrite, OddCallersSizesAndDeletedStreams) {
     for (uint32_t badSize : {12288u, 0u}) {
         std::memcpy(reinterpret_cast<char*>(ring.header) + 72, &badSize, 4);
         EXPECT_EQ(TraceStream::Attach(TestRing::Owner(), ring.header, ring.Ring()), nullptr) << badSize;
+    }
+}
+
+// The producer's short path must lay out every entry exactly as the general write does, and hand
+// whatever it does not handle itself (cutting, splitting, long names) on unchanged.
+TEST(TraceStreamWrite, ProducerPathWritesWhatTheGeneralWriteDoes) {
+    const std::string longName = std::string(300, 'd') + "/tail.cpp";
+    const std::string split(5000, 's');
+    const std::string longString(1900, 'p');
+    const int number = -7;
+    const double real = 2.5;
+    struct Case {
+        const char* what;
+        const char* message;
+        const char* file;
+        bool numbers;
+        bool overlong;
+    };
+    const Case cases[] = {
+        {"plain", "value %1 of %2", nullptr, true, false},
+        {"location", "at %1", "f.cpp", true, false},
+        {"long file name", "x", longName.c_str(), false, false},
+        {"no message", nullptr, "f.cpp", false, false},
+        {"parameters cut", "%1 %2", "f.cpp", true, true},
+        {"split", split.c_str(), "f.cpp", true, false},
+    };
+    for (const Case& c : cases) {
+        TestRing general(16384), producer(16384);
+        for (TestRing* ring : {&general, &producer}) {
+            ParamList params;
+            if (c.numbers)
+                params.Add(ParameterTypes::Int32, &number).Add(ParameterTypes::Double, &real);
+            if (c.overlong)
+                params.Add(ParameterTypes::String, longString.c_str())
+                    .Add(ParameterTypes::String, longString.c_str());
+            if (ring == &general)
+                ring->stream->Write(0, 1, Platform::CurrentThreadId(), 0, 4, c.file, 9, c.message,
+                                    params.count, params.raw);
+            else
+                ring->stream->WriteText(1, 4, c.file, 9, c.message, params.count, params.raw);
+        }
+        ASSERT_EQ(general.WriteIndex(), producer.WriteIndex()) << c.what;
+        for (uint32_t at = 0; at < general.WriteIndex(); at += general.EntryAt(at).Size) {
+            // The clocks of the two rings tick apart.
+            general.EntryAt(at).SetTimestamp(0);
+            producer.EntryAt(at).SetTimestamp(0);
+            ASSERT_EQ(Bytes(&general.EntryAt(at), general.EntryAt(at).Size),
+                      Bytes(&producer.EntryAt(at), producer.EntryAt(at).Size))
+                << c.what << " at " << at;
+        }
     }
 }
