@@ -128,23 +128,13 @@ std::string Pid(int64_t pid) {
 
 }  // namespace
 
-// Takes the lock and keeps it until told to release it, or killed.
-PAXLTRACE_CHILD_ROLE(HoldLock) {
-    Shared& shared = MapShared(args.at(0), O_RDWR);
-    shared.lock.Lock();
-    Word(shared.ready).fetch_add(1);
-    while (Word(shared.release).load() == 0)
-        Tracing::Platform::SleepMs(1);
-    shared.lock.Unlock();
-    return 0;
-}
-
 PAXLTRACE_CHILD_ROLE(Exit) {
     return 0;
 }
 
-// Waits for the lock, reports it, and keeps it until told to release it.
-PAXLTRACE_CHILD_ROLE(LockOnce) {
+// Says it starts, takes the lock, says it holds it, and keeps it until told to release it (or
+// killed).
+PAXLTRACE_CHILD_ROLE(HoldLock) {
     Shared& shared = MapShared(args.at(0), O_RDWR);
     Word(shared.ready).fetch_add(1);
     shared.lock.Lock();
@@ -240,7 +230,7 @@ TEST(TraceIpcLock, HolderThatHasNotRecordedItself) {
         SharedBlock block;
         Shared& shared = block.shared;
         WriteLock(shared.lock, 1, 0, c.previousOwner);
-        const pid_t child = SpawnChild("LockOnce", {block.name});
+        const pid_t child = SpawnChild("HoldLock", {block.name});
         ASSERT_TRUE(WaitFor([&] { return Word(shared.ready).load() == 1; }, 10000));
         if (c.holderLives) {
             // Far longer than a waiter watches a dead owner, well within the grace of a silent holder.
@@ -281,8 +271,7 @@ TEST(TraceIpcLock, HoldersKilledAtRandom) {
     }
     EXPECT_EQ(Word(shared.overlaps).load(), 0u);
     EXPECT_GT(shared.counter, 0u);
-    Word(shared.ready).store(0);
-    const pid_t last = SpawnChild("LockOnce", {block.name});
+    const pid_t last = SpawnChild("HoldLock", {block.name});
     Word(shared.release).store(1);
     const bool acquired = WaitFor([&] { return Word(shared.acquired).load() == 1; }, 5000);
     EXPECT_TRUE(acquired) << "stuck after a kill";
@@ -295,7 +284,7 @@ TEST(TraceIpcLock, LockOfAKilledHolderIsTakenOver) {
     SharedBlock block;
     Shared& shared = block.shared;
     const pid_t child = SpawnChild("HoldLock", {block.name});
-    ASSERT_TRUE(WaitFor([&] { return Word(shared.ready).load() == 1; }, 10000));
+    ASSERT_TRUE(WaitFor([&] { return Word(shared.acquired).load() == 1; }, 10000));
     const uint32_t held = shared.lock.GetState();
     EXPECT_EQ(shared.lock.GetOwner().GetPID(), child);
     ASSERT_EQ(kill(child, SIGKILL), 0);
@@ -310,7 +299,7 @@ TEST(TraceIpcLock, LiveHolderBlocksWithPeriodicWarnings) {
     SharedBlock block;
     Shared& shared = block.shared;
     const pid_t child = SpawnChild("HoldLock", {block.name});
-    ASSERT_TRUE(WaitFor([&] { return Word(shared.ready).load() == 1; }, 10000));
+    ASSERT_TRUE(WaitFor([&] { return Word(shared.acquired).load() == 1; }, 10000));
     const uint32_t held = shared.lock.GetState();
 
     testing::internal::CaptureStderr();
