@@ -77,4 +77,9 @@ private:
 // The file-system path that backs the block of a key, or empty where blocks have no path.
 std::string SharedMemoryPath(const std::string& key);
 
+// Removes every block whose key starts with keyPrefix and that nobody holds any more (its last
+// holder died instead of closing it); returns how many. Blocks that are held stay. Where the OS
+// removes such blocks itself, does nothing.
+int RemoveAbandonedBlocks(const std::string& keyPrefix);
+
 }  // namespace Tracing::Platform

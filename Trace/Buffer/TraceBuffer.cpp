@@ -115,15 +115,17 @@ void TraceBuffer::GetSHMName(std::string& out, int64_t processID, const char* ho
     out.clear();
     if (global)
         out += "Global\\";
-    out += TraceConfigurationPrivate::GetInstance().GetShmPrefix();
-    out += "TraceBuffer_V";
-    out += std::to_string(TraceConfigurationPrivate::ShmVersion);
-    out += '_';
+    out += GetSHMNamePrefix();
     out += std::to_string(processID);
     out += '_';
     out += OrEmpty(hostName);
     out += '_';
     out += OrEmpty(subSystemName);
+}
+
+std::string TraceBuffer::GetSHMNamePrefix() {
+    return TraceConfigurationPrivate::GetInstance().GetShmPrefix() + std::string("TraceBuffer_V") +
+           std::to_string(TraceConfigurationPrivate::ShmVersion) + '_';
 }
 
 bool TraceBuffer::IsLocal(const char* hostName) {

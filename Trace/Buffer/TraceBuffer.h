@@ -191,6 +191,8 @@ public:
     // "[Global\]<prefix>TraceBuffer_V1_<pid>_<registry host>_<subsystem>".
     static void GetSHMName(std::string& out, int64_t processID, const char* hostName,
                            const char* subSystemName, bool global);
+    // "<prefix>TraceBuffer_V1_": what the names of all buffers begin with.
+    static std::string GetSHMNamePrefix();
     static int32_t MaskID(int32_t id, bool service) {
         return (id & ValidIDMask) | (service ? ServiceIDBit : 0);
     }

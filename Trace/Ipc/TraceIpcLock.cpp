@@ -2,6 +2,7 @@
 
 #include "Trace/Records/PrintMsg.h"
 #include "Trace/Records/TraceMessage.h"
+#include "platform/Clock.h"
 #include "platform/Process.h"
 #include "platform/Thread.h"
 
@@ -13,6 +14,10 @@ constexpr int YieldRounds = 100;
 constexpr int SleepRounds = 10;
 // Passes between two warnings of a waiter; about 2 s when each pass sleeps 10 ms.
 constexpr unsigned WarningPeriod = 200;
+// How long a holder may go without recording itself before it counts as having died right after
+// its exchange. Recording takes a few stores, so only a stopped process is ever this slow; a
+// killed one blocks every waiter for this long and no longer.
+constexpr uint32_t UnrecordedGraceMs = 1000;
 
 enum class LockWarning { Busy, Blocked, Took };
 
@@ -63,8 +68,22 @@ TraceProcessData TraceIpcLock::GetOwner() const {
     return owner;
 }
 
-void TraceIpcLock::LockContended(const char* file, unsigned line) {
+bool TraceIpcLock::ReadRecordedOwner(uint32_t held, TraceProcessData& owner) const {
+    const uint32_t recordedFor =
+        std::atomic_ref<uint32_t>(const_cast<uint32_t&>(m_ownerState)).load(std::memory_order_acquire);
+    if (recordedFor != held)
+        return false;
+    owner = GetOwner();
+    // Read like a sequence lock: a new holder writes the owner only after changing the state.
+    std::atomic_thread_fence(std::memory_order_acquire);
+    return State().load(std::memory_order_seq_cst) == held;
+}
+
+void TraceIpcLock::LockContended(const TraceProcessData& self, const char* file, unsigned line) {
     unsigned counter = 0;
+    // The held state seen without a recorded owner, and since when.
+    uint32_t unrecordedState = 0;
+    uint32_t unrecordedSince = 0;
     for (;;) {
         const uint32_t first = State().load(std::memory_order_seq_cst);
         TraceProcessData suspect = GetOwner();
@@ -86,13 +105,21 @@ void TraceIpcLock::LockContended(const char* file, unsigned line) {
                 if (++counter % WarningPeriod == 0)
                     PrintLockWarning(LockWarning::Busy, suspect.GetPID(), counter, file, line);
             } else {
-                // The same holder throughout. Read the owner again: the first copy may predate
-                // the holder's own store, which follows its exchange.
-                suspect = GetOwner();
-                if (!suspect.IsAlive()) {
+                // The same holder throughout. Only an owner recorded for this very state tells who
+                // it is; the owner field may still name the previous holder.
+                bool takeOver = false;
+                if (ReadRecordedOwner(state, suspect)) {
+                    takeOver = !suspect.IsAlive();
+                } else if ((unrecordedState & 1) == 0 || unrecordedState != state) {
+                    unrecordedState = state;
+                    unrecordedSince = Platform::TickMs();
+                } else {
+                    takeOver = Platform::TickMs() - unrecordedSince >= UnrecordedGraceMs;
+                }
+                if (takeOver) {
                     uint32_t expected = state;
                     if (State().compare_exchange_strong(expected, state + 2, std::memory_order_seq_cst)) {
-                        StoreOwner(TraceProcessData::GetCurrent());
+                        RecordOwner(self, state + 2);
                         return;
                     }
                 } else if (++counter % WarningPeriod == 0) {
@@ -107,7 +134,7 @@ void TraceIpcLock::LockContended(const char* file, unsigned line) {
             PrintLockWarning(LockWarning::Took, suspect.GetPID(), counter, file, line);
         uint32_t expected = state & ~1u;
         if (State().compare_exchange_strong(expected, state | 1u, std::memory_order_seq_cst)) {
-            StoreOwner(TraceProcessData::GetCurrent());
+            RecordOwner(self, state | 1u);
             return;
         }
     }

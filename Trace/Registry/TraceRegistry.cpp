@@ -21,6 +21,7 @@
 #include "paxltrace.h"
 #include "platform/CreationGuard.h"
 #include "platform/Process.h"
+#include "platform/SharedMemory.h"
 #include "platform/Thread.h"
 
 namespace Tracing {
@@ -140,6 +141,22 @@ SHMErrorCodes::Values CheckAttachedBlock(TraceRegistryData& data, const TraceSha
     if (TraceRegistryData::GetSize(data.GetSizeOfBufferArray()) > memory.size())
         return SHMErrorCodes::InvalidSize;
     return SHMErrorCodes::Success;
+}
+
+// Whether the memory of a registered buffer exists: a buffer lives exactly as long as some process
+// holds its memory. NoError when it does; the error text goes to *errorText when asked for.
+TraceSharedMemory::SharedMemoryError ProbeBufferMemory(int32_t id, int64_t processID, const std::string& host,
+                                                       const std::string& subsystem, std::string* errorText) {
+    std::string name;
+    TraceBuffer::GetSHMName(name, processID, host.c_str(), subsystem.c_str(), TraceBuffer::IsServiceID(id));
+    TraceSharedMemory memory(name.c_str());
+    if (memory.attach(TraceSharedMemory::ReadOnly, TraceSharedMemory::AttachDefault)) {
+        memory.detach();
+        return TraceSharedMemory::NoError;
+    }
+    if (errorText != nullptr)
+        *errorText = memory.errorString();
+    return memory.error();
 }
 
 }  // namespace
@@ -551,7 +568,53 @@ TraceBuffer* TraceRegistry::FindBuffer(const BufferMap& buffers, int64_t process
     return nullptr;
 }
 
+void TraceRegistry::WaitForEarlierMemory(const BufferRequest& request) {
+    {
+        // Only our own local buffers: a remote name taken by another collector is a live buffer
+        // that registration works around.
+        if (request.processID != Platform::CurrentProcessId() ||
+            !TraceBuffer::IsLocal(request.registryHostName))
+            return;
+        std::lock_guard<std::recursive_mutex> lock(m_mutex);
+        if (m_data == nullptr)
+            return;
+        // A registered buffer of these names (this or another copy of the library made it) is found
+        // by the registration itself.
+        BlockLock blockLock(*m_data);
+        const TraceRegistryDataItem* items = m_data->GetBufferArray();
+        for (unsigned i = 0, n = GetUsableItemCount(m_data); i < n; ++i) {
+            if (items[i].IsActivated() && items[i].GetProcessID() == request.processID &&
+                SameName(items[i].GetHostName(), request.registryHostName) &&
+                SameName(items[i].GetSubSystemName(), request.subSystemName))
+                return;
+        }
+    }
+    // The memory's name comes from the names alone, so a buffer registered again right after its
+    // unregistration meets its old memory while other processes still hold it; they let go of it
+    // in their next update cycle, after at most the close wait.
+    const unsigned waitMs = TraceConfigurationPrivate::GetInstance().GetBufferCloseWaitMs() +
+                            2 * TraceUpdateManager::GetThreadSleepValue();
+    const int32_t service = TraceConfigurationPrivate::IsService() ? TraceBuffer::ServiceIDBit : 0;
+    for (unsigned waited = 0;; waited += 5) {
+        if (ProbeBufferMemory(service, request.processID, request.registryHostName, request.subSystemName,
+                              nullptr) != TraceSharedMemory::NoError)
+            return;
+        if (waited >= waitMs) {
+            ReportWarning(TraceMessage("The memory of an earlier buffer of these names is still in use by "
+                                       "another process: PID: %1, host: %2, subsys: %3. A buffer registered "
+                                       "again right after its unregistration needs its readers to let go "
+                                       "of the old one first.")
+                              .Add(request.processID)
+                              .Add(request.registryHostName)
+                              .Add(request.subSystemName));
+            return;
+        }
+        Platform::SleepMs(5);
+    }
+}
+
 TraceBuffer* TraceRegistry::Register(const BufferRequest& request, TraceBuffer::ErrorType& error) {
+    WaitForEarlierMemory(request);
     std::lock_guard<std::recursive_mutex> lock(m_mutex);
     if (m_data == nullptr) {
         error = TraceBuffer::SharedMemoryFailed;
@@ -733,24 +796,20 @@ void TraceRegistry::CleanUpRegistry() {
         return;
     }
     TraceRegistryDataItem* items = m_data->GetBufferArray();
-    std::string name;
+    std::string errorText;
     for (unsigned i = 0; i < count; ++i) {
         TraceRegistryDataItem& item = items[i];
         if (!item.IsActivated())
             continue;
         const int32_t id = item.GetBufferID();
-        TraceBuffer::GetSHMName(name, item.GetProcessID(), item.GetHostName(), item.GetSubSystemName(),
-                                TraceBuffer::IsServiceID(id));
-        // A buffer exists exactly as long as some process holds its memory.
-        TraceSharedMemory memory(name.c_str());
-        if (memory.attach(TraceSharedMemory::ReadOnly, TraceSharedMemory::AttachDefault)) {
-            memory.detach();
-        } else if (memory.error() == TraceSharedMemory::NotFound) {
+        const TraceSharedMemory::SharedMemoryError probed = ProbeBufferMemory(
+            id, item.GetProcessID(), item.GetHostName(), item.GetSubSystemName(), &errorText);
+        if (probed == TraceSharedMemory::NotFound) {
             item.Deactivate();
-        } else {
+        } else if (probed != TraceSharedMemory::NoError) {
             ReportFailure(TraceMessage("Failed to connect to trace buffer during cleanup. Error: %1. "
                                        "ProcessID: %2, BufferID: %3, Hostname: %4, Subsystem: %5.")
-                              .Add(memory.errorString())
+                              .Add(errorText)
                               .Add(item.GetProcessID())
                               .Add(id)
                               .Add(item.GetHostName())
@@ -1038,10 +1097,11 @@ namespace {
 
 constexpr const char* DeadBuffersHeader = "Trace buffer(s) of not running application(s) detected!";
 
-void AddReportLine(std::string& report, const TraceMessage& line) {
-    if (!report.empty())
-        report += '\n';
-    report += line.Format();
+// A string parameter is cut at TraceData::MaxParameterSize bytes; leave room for its framing.
+constexpr size_t DeadReportTraceSize = 1800;
+
+void AddReportLine(std::vector<std::string>& report, const TraceMessage& line) {
+    report.push_back(line.Format());
 }
 
 }  // namespace
@@ -1154,7 +1214,7 @@ void TraceRegistry::Update() {
         if (m_data == nullptr)
             return;
         const uint32_t updateWasNeeded = m_updateNeeded.exchange(0, std::memory_order_seq_cst);
-        std::string deadReport;
+        std::vector<std::string> deadReport;
         bool kept = false;
         {
             // Service block before local block, released in reverse.
@@ -1192,6 +1252,7 @@ void TraceRegistry::Update() {
                     IncChangeCounterForBufferChange();
                 ReportUnregistered(id);
                 freedIDs.push_back(id);
+                m_removeAbandoned = true;
             }
             for (const int32_t id : freedIDs)
                 m_knownItems.erase(id);
@@ -1203,7 +1264,11 @@ void TraceRegistry::Update() {
                     continue;
                 }
                 const bool keep = buffer.HasInterest();
-                if (BufferReportsWanted()) {
+                // Reported once when it starts being kept, not on every later update.
+                const bool report = !keep || m_keptBuffers.insert(it->first).second;
+                if (!keep)
+                    m_keptBuffers.erase(it->first);
+                if (report && BufferReportsWanted()) {
                     ReportBuffer(
                         Severity::Verbose,
                         TraceMessage(keep ? "Trace buffer kept because of outstanding Trace Number "
@@ -1244,11 +1309,12 @@ void TraceRegistry::Update() {
             m_updateServiceChangeCounter = service;
 
             if (!deadReport.empty())
-                TraceThroughOwnEngine(std::string(DeadBuffersHeader) + "\n" + deadReport);
+                TraceDeadBufferReport(deadReport);
         }
-        // Nothing else moves the counters when the interest goes: look again next cycle.
-        if (kept)
-            m_updateNeeded.exchange(1, std::memory_order_seq_cst);
+        // A kept buffer whose item came back (it never does) or that went otherwise needs no watch.
+        std::erase_if(m_keptBuffers, [&](int32_t id) {
+            return m_knownItems.count(id) != 0 || m_consumerBuffers.count(id) == 0;
+        });
     }
 
     if (!created.empty())
@@ -1267,13 +1333,42 @@ void TraceRegistry::Update() {
         }
         buffer.reset();
     }
+    bool removeAbandoned = false;
+    {
+        std::lock_guard<std::recursive_mutex> lock(m_mutex);
+        std::swap(removeAbandoned, m_removeAbandoned);
+    }
+    // Only now that this process has let go of the dead buffers.
+    if (removeAbandoned)
+        RemoveAbandonedBuffers();
+}
+
+bool TraceRegistry::KeptBufferReleased() const {
+    std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    for (const int32_t id : m_keptBuffers) {
+        const auto it = m_consumerBuffers.find(id);
+        if (it != m_consumerBuffers.end() && !it->second->HasInterest())
+            return true;
+    }
+    return false;
+}
+
+void TraceRegistry::RemoveAbandonedBuffers() {
+    // Every buffer, not only the dead process's: a process that died may have been the last holder
+    // of buffers that died before it.
+    const int removed = Platform::RemoveAbandonedBlocks(TraceBuffer::GetSHMNamePrefix());
+    if (removed > 0 && BufferReportsWanted()) {
+        ReportBuffer(Severity::Verbose,
+                     TraceMessage("Removed the memory of %1 trace buffer(s) that no running process holds.")
+                         .Add(static_cast<int32_t>(removed)));
+    }
 }
 
 void TraceRegistry::CheckProcesses(bool fullCheck) {
     std::lock_guard<std::recursive_mutex> lock(m_mutex);
     if (m_data == nullptr)
         return;
-    std::string report;
+    std::vector<std::string> report;
     std::vector<int32_t> dead;
     int64_t previousCreator = 0;
     bool previousAlive = true;
@@ -1299,8 +1394,12 @@ void TraceRegistry::CheckProcesses(bool fullCheck) {
                                       .Add(buffer.GetHostName())
                                       .Add(buffer.GetSubSystemName()));
         } else {
-            // The process of another host's item cannot be asked here.
-            if (!TraceBuffer::IsLocal(item.hostName.c_str()) || alive(item.processID))
+            // The process of another host's item cannot be asked here; its memory, held by the
+            // collector that registered it, tells whether it still exists.
+            if (TraceBuffer::IsLocal(item.hostName.c_str())
+                    ? alive(item.processID)
+                    : ProbeBufferMemory(id, item.processID, item.hostName, item.subSystemName, nullptr) !=
+                          TraceSharedMemory::NotFound)
                 continue;
             if (item.processID == 0) {
                 AddReportLine(report, TraceMessage("    BufferID: %1.").Add(id));
@@ -1315,9 +1414,12 @@ void TraceRegistry::CheckProcesses(bool fullCheck) {
         }
         dead.push_back(id);
     }
+    if (fullCheck)
+        RemoveAbandonedBuffers();
     if (dead.empty())
         return;
-    TraceThroughOwnEngine(std::string(DeadBuffersHeader) + "\n" + report);
+    TraceDeadBufferReport(report);
+    m_removeAbandoned = true;
 
     bool local = false;
     bool service = false;
@@ -1344,14 +1446,30 @@ void TraceRegistry::CheckProcesses(bool fullCheck) {
         IncChangeCounterForBufferChange();
 }
 
-void TraceRegistry::TraceThroughOwnEngine(const std::string& text) {
+void TraceRegistry::TraceDeadBufferReport(const std::vector<std::string>& lines) {
     TraceEngine* engine = GetEngine();
     if (engine == nullptr || (trace_engine_get_severity(engine) & 0x7u) < Severity::Info)
         return;
-    ::TraceParameter parameter;
-    trace_param_init(&parameter, TRACE_PARAM_STRING, text.c_str());
-    trace_engine_write(engine, nullptr, 0, Severity::Info, "%1", 0, 1, &parameter);
-    trace_param_clear(&parameter, 1);
+    const auto write = [engine](const std::string& text) {
+        ::TraceParameter parameter;
+        trace_param_init(&parameter, TRACE_PARAM_STRING, text.c_str());
+        trace_engine_write(engine, nullptr, 0, Severity::Info, "%1", 0, 1, &parameter);
+        trace_param_clear(&parameter, 1);
+    };
+    // The text is one parameter, which is cut at its size limit: the lines go into as many traces
+    // as they need, so that no buffer goes unreported.
+    std::string text = DeadBuffersHeader;
+    bool hasLines = false;
+    for (const std::string& line : lines) {
+        if (hasLines && text.size() + 1 + line.size() > DeadReportTraceSize) {
+            write(text);
+            text = DeadBuffersHeader;
+        }
+        text += '\n';
+        text += line;
+        hasLines = true;
+    }
+    write(text);
 }
 
 void TraceRegistry::UpdateNamesOfAllCreatedBuffers() {

@@ -19,6 +19,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <unordered_set>
@@ -145,6 +146,8 @@ public:
     uint32_t* GetGlobalTraceIDCounter() const;
 
     bool UpdateIsNeeded() const { return m_updateNeeded.load(std::memory_order_seq_cst) != 0; }
+    // True when a buffer kept for a reader's interest has lost it and can go now.
+    bool KeptBufferReleased() const;
 
     // Carries a changed system or application name into the local buffers this process created.
     void UpdateNamesOfAllCreatedBuffers();
@@ -202,6 +205,9 @@ private:
     void TryAttachServiceRegistryLocked();
 
     TraceBuffer* Register(const BufferRequest& request, TraceBuffer::ErrorType& error);
+    // Waits a little while other processes still hold the memory of an earlier buffer of these
+    // names (one unregistered just now): they let go of it in their next update cycle.
+    void WaitForEarlierMemory(const BufferRequest& request);
     // Registration's second half: a new ID, a new buffer and a free item (block lock held).
     TraceBuffer* CreateAndEnter(const BufferRequest& request, TraceBuffer::ErrorType& error,
                                 BlockLock& blockLock);
@@ -246,8 +252,11 @@ private:
     void ReadKnownItems();
     // The block holding the item of this ID.
     TraceRegistryData* BlockOf(int32_t bufferID) const;
-    // The dead-buffer report as one trace of the library's own engine, when it admits Info.
-    void TraceThroughOwnEngine(const std::string& text);
+    // The dead-buffer report through the library's own engine, when it admits Info: as many traces
+    // as the lines need, each starting with the header.
+    void TraceDeadBufferReport(const std::vector<std::string>& lines);
+    // Removes the buffer memory that no process holds any more: its last holder died.
+    void RemoveAbandonedBuffers();
 
     std::unique_ptr<TraceSharedMemory> m_registryMemory;
     SHMErrorCodes::Values m_creationErrorCode = static_cast<SHMErrorCodes::Values>(1);
@@ -290,6 +299,10 @@ private:
     };
     // The activated items of both blocks at the last update, by buffer ID.
     std::map<int32_t, KnownItem> m_knownItems;
+    // Buffers that left the registry but stay for a reader's interest.
+    std::set<int32_t> m_keptBuffers;
+    // Set when dead processes were found: once their buffers are let go, memory nobody holds goes.
+    bool m_removeAbandoned = false;
     // The change counters as the last update left them.
     uint32_t m_updateChangeCounter = 0;
     uint32_t m_updateServiceChangeCounter = 0;

@@ -22,7 +22,7 @@ void TraceRegistryUpdater::Update() {
         const uint32_t local = m_registry.GetChangeCounter();
         const uint32_t service = m_registry.GetServiceChangeCounter();
         if (local != m_lastChangeCounter || service != m_lastServiceChangeCounter ||
-            m_registry.UpdateIsNeeded()) {
+            m_registry.UpdateIsNeeded() || m_registry.KeptBufferReleased()) {
             m_lastChangeCounter = local;
             m_lastServiceChangeCounter = service;
             changed = true;

@@ -30,6 +30,7 @@
 
 #include "platform/SharedMemory.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/mman.h>
@@ -221,6 +222,32 @@ std::string SharedMemoryPath(const std::string& key) {
     if (name.empty())
         return {};
     return std::string(Posix::SharedMemoryDirectory) + "/" + name;
+}
+
+int RemoveAbandonedBlocks(const std::string& keyPrefix) {
+    const std::string prefix = ObjectFileName(keyPrefix);
+    if (prefix.empty())
+        return 0;
+    DIR* directory = ::opendir(Posix::SharedMemoryDirectory);
+    if (directory == nullptr)
+        return 0;
+    int removed = 0;
+    while (const dirent* entry = ::readdir(directory)) {
+        if (std::string_view(entry->d_name).substr(0, prefix.size()) != prefix)
+            continue;
+        // The stale-block rule of Open, applied without waiting for an opener that may never come.
+        const std::string path = std::string(Posix::SharedMemoryDirectory) + "/" + entry->d_name;
+        const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
+        if (fd < 0)
+            continue;
+        struct stat info {};
+        if (::fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && ::flock(fd, LOCK_EX | LOCK_NB) == 0 &&
+            UnlinkIfStillNamed(fd, path))
+            ++removed;
+        CloseDescriptor(fd);
+    }
+    ::closedir(directory);
+    return removed;
 }
 
 ShmError SharedMemoryBlock::Create(const std::string& key, uint64_t size, const ShmAccessRights& rights) {

@@ -187,6 +187,11 @@ std::string SharedMemoryPath(const std::string& /*key*/) {
     return {};
 }
 
+int RemoveAbandonedBlocks(const std::string& /*keyPrefix*/) {
+    // A mapping object vanishes with the last handle, also of a process that died.
+    return 0;
+}
+
 ShmError SharedMemoryBlock::Create(const std::string& key, uint64_t size, const ShmAccessRights& rights) {
     Close();
     const std::wstring name = ObjectName(key);

@@ -33,10 +33,13 @@ namespace {
 // What the processes of one test share.
 struct Shared {
     TraceIpcLock lock;
-    uint32_t ready;    // holders or counting threads that have started
-    uint32_t go;       // start signal for the counting threads
-    uint32_t release;  // tells a holding child to unlock
-    uint64_t counter;  // guarded by lock, deliberately not atomic
+    uint32_t ready;     // holders or counting threads that have started
+    uint32_t go;        // start signal for the counting threads
+    uint32_t release;   // tells a holding child to unlock
+    uint64_t counter;   // guarded by lock, deliberately not atomic
+    uint32_t acquired;  // set by a LockOnce child holding the lock
+    uint32_t overlaps;  // critical sections that found another holder's canary
+    int64_t canary;     // the pid of the holder inside the critical section
 };
 
 std::atomic_ref<uint32_t> Word(uint32_t& word) {
@@ -125,15 +128,38 @@ std::string Pid(int64_t pid) {
 
 }  // namespace
 
-// Takes the lock and keeps it until told to release it, or killed.
+PAXLTRACE_CHILD_ROLE(Exit) {
+    return 0;
+}
+
+// Says it starts, takes the lock, says it holds it, and keeps it until told to release it (or
+// killed).
 PAXLTRACE_CHILD_ROLE(HoldLock) {
     Shared& shared = MapShared(args.at(0), O_RDWR);
-    shared.lock.Lock();
     Word(shared.ready).fetch_add(1);
+    shared.lock.Lock();
+    Word(shared.acquired).store(1);
     while (Word(shared.release).load() == 0)
         Tracing::Platform::SleepMs(1);
     shared.lock.Unlock();
     return 0;
+}
+
+// Counts under the lock until killed; a canary shows another holder inside.
+PAXLTRACE_CHILD_ROLE(CountUnderLock) {
+    Shared& shared = MapShared(args.at(0), O_RDWR);
+    const int64_t self = getpid();
+    std::atomic_ref<int64_t> canary(shared.canary);
+    for (;;) {
+        shared.lock.Lock();
+        canary.store(self, std::memory_order_relaxed);
+        for (int spin = 0; spin < 200; ++spin)
+            asm volatile("" ::: "memory");
+        if (canary.load(std::memory_order_relaxed) != self)
+            Word(shared.overlaps).fetch_add(1);
+        ++shared.counter;
+        shared.lock.Unlock();
+    }
 }
 
 PAXLTRACE_CHILD_ROLE(AddFromTwoThreads) {
@@ -162,24 +188,103 @@ TEST(TraceIpcLock, UncontendedUseAndStrayUnlock) {
         << warning;
 }
 
+// A lock as another process leaves it: held in state `held`, owner recorded for `recordedFor`.
+void WriteLock(TraceIpcLock& lock, uint32_t held, uint32_t recordedFor, const TraceProcessData& owner) {
+    unsigned char bytes[sizeof(TraceIpcLock)];
+    std::memcpy(bytes, &held, 4);
+    std::memcpy(bytes + 4, &recordedFor, 4);
+    std::memcpy(bytes + 8, &owner, sizeof owner);
+    std::memcpy(static_cast<void*>(&lock), bytes, sizeof bytes);
+}
+
+TraceProcessData DeadProcess() {
+    const pid_t child = SpawnChild("Exit");
+    WaitChild(child);
+    return TraceProcessData(child, 1);
+}
+
 TEST(TraceIpcLock, OwnerUnderARecycledProcessIdIsTakenOver) {
-    // As another process would leave it: held, the owner our own ID with another creation time.
     const TraceProcessData& self = TraceProcessData::GetCurrent();
-    const TraceProcessData stale(self.GetPID(), self.GetCreationTime() + 1);
-    alignas(TraceIpcLock) unsigned char memory[sizeof(TraceIpcLock)] = {41};
-    std::memcpy(memory + sizeof memory - sizeof stale, &stale, sizeof stale);
-    auto* lock = std::launder(reinterpret_cast<TraceIpcLock*>(memory));
-    ASSERT_EQ(lock->GetOwner(), stale);
-    lock->Lock();
-    EXPECT_EQ(lock->GetState(), 43u);
-    EXPECT_EQ(lock->GetOwner(), self);
+    TraceIpcLock lock;
+    WriteLock(lock, 41, 41, TraceProcessData(self.GetPID(), self.GetCreationTime() + 1));
+    lock.Lock();
+    EXPECT_EQ(lock.GetState(), 43u);
+    EXPECT_EQ(lock.GetOwner(), self);
+}
+
+// A holder between its exchange and recording itself leaves the previous owner (or none) in the
+// lock. While it lives a waiter must not take over; when it died there, waiters must not wait for
+// ever on a previous owner that still runs.
+TEST(TraceIpcLock, HolderThatHasNotRecordedItself) {
+    const struct {
+        const char* what;
+        TraceProcessData previousOwner;
+        bool holderLives;
+    } cases[] = {
+        {"first holder of a fresh lock", TraceProcessData(), true},
+        {"previous owner dead", DeadProcess(), true},
+        {"holder died, previous owner alive", TraceProcessData::GetCurrent(), false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        SharedBlock block;
+        Shared& shared = block.shared;
+        WriteLock(shared.lock, 1, 0, c.previousOwner);
+        const pid_t child = SpawnChild("HoldLock", {block.name});
+        ASSERT_TRUE(WaitFor([&] { return Word(shared.ready).load() == 1; }, 10000));
+        if (c.holderLives) {
+            // Far longer than a waiter watches a dead owner, well within the grace of a silent holder.
+            Tracing::Platform::SleepMs(300);
+            EXPECT_EQ(Word(shared.acquired).load(), 0u) << "taken over from a live holder";
+            shared.lock.Unlock();
+        }
+        const bool acquired = WaitFor([&] { return Word(shared.acquired).load() == 1; }, 5000);
+        EXPECT_TRUE(acquired) << "stuck";
+        if (!acquired)
+            kill(child, SIGKILL);
+        Word(shared.release).store(1);
+        EXPECT_EQ(WaitChild(child), acquired ? 0 : 128 + SIGKILL);
+        // Released and acquired, or taken over; then released by the child.
+        EXPECT_EQ(shared.lock.GetState(), acquired ? 4u : 1u);
+    }
+}
+
+// Processes count under the lock while some of them are killed at random: never two inside, and
+// the lock still works after the last kill.
+TEST(TraceIpcLock, HoldersKilledAtRandom) {
+    SharedBlock block;
+    Shared& shared = block.shared;
+    std::vector<pid_t> children;
+    for (int i = 0; i < 4; ++i)
+        children.push_back(SpawnChild("CountUnderLock", {block.name}));
+    std::srand(static_cast<unsigned>(getpid()));
+    for (int kills = 0; kills < 40; ++kills) {
+        Tracing::Platform::SleepMs(10 + std::rand() % 40);
+        pid_t& victim = children[static_cast<size_t>(std::rand()) % children.size()];
+        kill(victim, SIGKILL);
+        WaitChild(victim);
+        victim = SpawnChild("CountUnderLock", {block.name});
+    }
+    for (const pid_t child : children) {
+        kill(child, SIGKILL);
+        WaitChild(child);
+    }
+    EXPECT_EQ(Word(shared.overlaps).load(), 0u);
+    EXPECT_GT(shared.counter, 0u);
+    const pid_t last = SpawnChild("HoldLock", {block.name});
+    Word(shared.release).store(1);
+    const bool acquired = WaitFor([&] { return Word(shared.acquired).load() == 1; }, 5000);
+    EXPECT_TRUE(acquired) << "stuck after a kill";
+    if (!acquired)
+        kill(last, SIGKILL);
+    WaitChild(last);
 }
 
 TEST(TraceIpcLock, LockOfAKilledHolderIsTakenOver) {
     SharedBlock block;
     Shared& shared = block.shared;
     const pid_t child = SpawnChild("HoldLock", {block.name});
-    ASSERT_TRUE(WaitFor([&] { return Word(shared.ready).load() == 1; }, 10000));
+    ASSERT_TRUE(WaitFor([&] { return Word(shared.acquired).load() == 1; }, 10000));
     const uint32_t held = shared.lock.GetState();
     EXPECT_EQ(shared.lock.GetOwner().GetPID(), child);
     ASSERT_EQ(kill(child, SIGKILL), 0);
@@ -194,7 +299,7 @@ TEST(TraceIpcLock, LiveHolderBlocksWithPeriodicWarnings) {
     SharedBlock block;
     Shared& shared = block.shared;
     const pid_t child = SpawnChild("HoldLock", {block.name});
-    ASSERT_TRUE(WaitFor([&] { return Word(shared.ready).load() == 1; }, 10000));
+    ASSERT_TRUE(WaitFor([&] { return Word(shared.acquired).load() == 1; }, 10000));
     const uint32_t held = shared.lock.GetState();
 
     testing::internal::CaptureStderr();

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "RegistryBlockView.h"
 #include "TestSupport.h"
 #include "Trace/Buffer/TraceBuffer.h"
 #include "Trace/Engine/TraceConfigurationPrivate.h"
@@ -45,30 +46,6 @@ namespace {
 TraceRegistry& Registry() {
     return TraceRegistry::GetInstance();
 }
-
-// A second view onto the registry block, to see its items as another process does.
-struct BlockView {
-    explicit BlockView(bool makeRegistry = true) {
-        if (makeRegistry)
-            Registry();
-        memory.setKey((TraceConfigurationPrivate::GetInstance().GetShmPrefix() + "TraceRegistry_V1").c_str());
-        if (memory.attach())
-            TraceRegistryData::Attach(data, memory.data());
-    }
-    std::vector<const TraceRegistryDataItem*> ActiveItems(int64_t pid = 0) const {
-        std::vector<const TraceRegistryDataItem*> items;
-        for (unsigned i = 0; data != nullptr && i < data->GetSizeOfBufferArray(); ++i) {
-            const TraceRegistryDataItem& item = data->GetBufferArray()[i];
-            // Every process registers the library's own buffer; only the tests' buffers count.
-            if (item.IsActivated() && (pid == 0 || item.GetProcessID() == pid) &&
-                std::string(item.GetSubSystemName()) != "Core")
-                items.push_back(&item);
-        }
-        return items;
-    }
-    TraceSharedMemory memory;
-    TraceRegistryData* data = nullptr;
-};
 
 bool BufferMemoryExists(const char* subsystem) {
     std::string name;
