@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Trace/Records/Severity.h"
+#include "tools/TraceFollower.h"
 
 namespace Tracing {
 class TraceBuffer;
@@ -36,12 +37,11 @@ void AddProfileCommand(CLI::App& app, Action& action);
 void AddTailCommand(CLI::App& app, Action& action);
 // demo and its hidden producer role
 void AddDemoCommands(CLI::App& app, Action& action);
+void AddRecordCommand(CLI::App& app, Action& action);
+void AddForwardCommand(CLI::App& app, Action& action);
+void AddExportCommand(CLI::App& app, Action& action);
 
-struct TailOptions {
-    std::vector<std::string> Buffers;  // IDs or subsystem names; empty = all
-    int64_t ProcessID = 0;
-    std::vector<std::string> Modules;
-    std::string MinSeverity;  // empty = all
+struct TailOptions : TraceSelection {
     bool Csv = false;
     std::string Output;  // empty = standard output
     uint32_t Since = 0;

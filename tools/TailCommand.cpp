@@ -32,63 +32,11 @@ const char* ColourOf(unsigned severity) {
     }
 }
 
-// Chooses the buffers to read and registers them with the reader as they appear.
-class BufferSelector : public ITraceRegistryDataChangedListener {
-public:
-    BufferSelector(const TailOptions& options, TraceReader& reader) : m_options(options), m_reader(reader) {}
-
-    void OnBuffersCreated(const std::unordered_set<int>& bufferIDs) override {
-        for (int id : bufferIDs) {
-            Consider(id);
-        }
-    }
-    void OnBuffersDeleted(const std::unordered_set<int>&) override {}
-
-    // Buffers present at the start are read after the requested trace ID, later ones from their start.
-    void RegisterPresentBuffers() {
-        std::vector<std::unique_ptr<TraceBufferInfo>> infos;
-        TraceRegistry::GetInstance().ConsumerBrowse(infos);
-        for (const auto& info : infos) {
-            Consider(info->BufferID);
-        }
-        m_started.store(true, std::memory_order_seq_cst);
-    }
-
-private:
-    void Consider(int id) {
-        TraceBuffer* buffer = TraceRegistry::GetInstance().GetConsumerBuffer(id);
-        if (buffer == nullptr || !Selected(*buffer)) {
-            return;
-        }
-        m_reader.RegisterBuffer(id, m_started.load(std::memory_order_seq_cst) ? 0 : m_options.Since);
-    }
-
-    bool Selected(const TraceBuffer& buffer) const {
-        if (buffer.GetProcessID() == CurrentProcess() ||
-            (m_options.ProcessID != 0 && buffer.GetProcessID() != m_options.ProcessID)) {
-            return false;
-        }
-        if (m_options.Buffers.empty()) {
-            return true;
-        }
-        for (const std::string& which : m_options.Buffers) {
-            if (which == buffer.GetSubSystemName() || which == std::to_string(buffer.GetBufferID())) {
-                return true;
-            }
-        }
-        return false;
-    }
-
-    const TailOptions& m_options;
-    TraceReader& m_reader;
-    std::atomic<bool> m_started{false};
-};
-
 // Writes the traces that pass the module and severity filters; runs on the updater thread.
 class TraceWriter : public ITraceReaderEventListener {
 public:
-    TraceWriter(const TailOptions& options, std::ostream& out, bool colour, Severity::Type minSeverity)
-        : m_options(options), m_out(out), m_colour(colour), m_minSeverity(minSeverity) {}
+    TraceWriter(const TailOptions& options, const TraceFilter& filter, std::ostream& out, bool colour)
+        : m_options(options), m_filter(filter), m_out(out), m_colour(colour) {}
 
     void OnNewTraces(std::vector<std::unique_ptr<Trace>>& traces) override {
         std::lock_guard lock(m_mutex);
@@ -101,12 +49,12 @@ public:
 private:
     void Write(const Trace& trace) {
         // The ring reports lost traces as records of no module.
-        if (trace.GetModuleID() == -1) {
+        if (IsOverflowReport(trace)) {
             std::cerr << "overflow in buffer " << trace.GetBufferID() << ": " << trace.GetFormattedMessage()
                       << std::endl;
             return;
         }
-        if (trace.GetSeverity() > m_minSeverity || !ModuleSelected(trace)) {
+        if (!m_filter.Passes(trace)) {
             return;
         }
         if (m_options.Csv) {
@@ -124,36 +72,19 @@ private:
         }
     }
 
-    bool ModuleSelected(const Trace& trace) const {
-        if (m_options.Modules.empty()) {
-            return true;
-        }
-        for (const std::string& module : m_options.Modules) {
-            if (module == trace.GetModuleName() || module == std::to_string(trace.GetModuleID())) {
-                return true;
-            }
-        }
-        return false;
-    }
-
     const TailOptions& m_options;
+    const TraceFilter& m_filter;
     std::ostream& m_out;
     bool m_colour;
-    Severity::Type m_minSeverity;
     std::mutex m_mutex;
 };
 
 }  // namespace
 
 int RunTail(const TailOptions& options) {
-    Severity::Type minSeverity = Severity::Call;
-    if (!options.MinSeverity.empty()) {
-        auto parsed = ParseSeverity(options.MinSeverity);
-        if (!parsed) {
-            std::cerr << "paxltrace: unknown severity '" << options.MinSeverity << "'\n";
-            return ExitUsage;
-        }
-        minSeverity = *parsed;
+    TraceFilter filter;
+    if (!filter.Init(options)) {
+        return ExitUsage;
     }
     std::ofstream file;
     if (!options.Output.empty()) {
@@ -165,46 +96,18 @@ int RunTail(const TailOptions& options) {
     }
     std::ostream& out = options.Output.empty() ? std::cout : file;
     const bool colour = options.Output.empty() && !options.Csv && StdoutIsTerminal();
-    InstallStopHandler();
-
-    TraceRegistry& registry = TraceRegistry::GetInstance();
-    auto reader = std::make_unique<TraceReader>();
-    reader->Create(0, false, true);
-    BufferSelector selector(options, *reader);
-    TraceWriter writer(options, out, colour, minSeverity);
+    TraceWriter writer(options, filter, out, colour);
     if (options.Csv) {
         Trace::GetTraceCsvHeader(out, Trace::CSV_SEPARATOR);
     } else {
         Trace::GetTraceHeader(out, Trace::LOG_SEPARATOR);
     }
-    registry.RegisterDataChangedListener(&selector);
-    reader->RegisterEventListener(writer);
-    TraceUpdateManager::GetInstance().WaitForAllUpdates();
-    selector.RegisterPresentBuffers();
-
-    const auto start = std::chrono::steady_clock::now();
-    bool midwayDone = !options.Midway;
-    while (!StopRequested()) {
-        const double elapsed =
-            std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-        if (options.Duration > 0 && elapsed >= options.Duration) {
-            break;
-        }
-        if (!midwayDone && elapsed >= options.Duration / 2) {
-            options.Midway();
-            midwayDone = true;
-        }
-        SleepUnlessStopped(50);
-    }
-
-    // Off the updater thread first, so that nothing calls the writer while the rest is drained.
-    registry.UnregisterDataChangedListener(&selector);
-    reader->UnregisterEventListener(writer);
-    TraceUpdateManager::GetInstance().WaitForAllUpdates();
-    std::vector<std::unique_ptr<Trace>> rest;
-    reader->ReadTraces(rest);
-    writer.OnNewTraces(rest);
-    reader.reset();
+    FollowOptions follow;
+    follow.Duration = options.Duration;
+    follow.Midway = options.Midway;
+    // Buffers present at the start are read after the requested trace ID, later ones from their start.
+    follow.StartAfter = [&options](const TraceBuffer&, bool present) { return present ? options.Since : 0u; };
+    FollowTraces(options, follow, writer);
     out.flush();
     return out ? ExitOk : ExitFailure;
 }
@@ -213,10 +116,7 @@ void AddTailCommand(CLI::App& app, Action& action) {
     auto options = std::make_shared<TailOptions>();
     CLI::App* tail =
         app.add_subcommand("tail", "Print new traces of all or selected buffers as they are written");
-    tail->add_option("--buffer,-b", options->Buffers, "Buffer ID or subsystem name (repeatable)");
-    tail->add_option("--pid,-p", options->ProcessID, "Only buffers of this process");
-    tail->add_option("--module,-m", options->Modules, "Module name or ID (repeatable)");
-    tail->add_option("--severity,-s", options->MinSeverity, "Least severe severity shown, e.g. Warning");
+    AddSelectionOptions(*tail, *options);
     tail->add_flag("--csv", options->Csv, "CSV instead of log lines");
     tail->add_option("--output,-o", options->Output, "Write to this file instead of standard output");
     tail->add_option("--since", options->Since, "Start after this trace ID in the buffers present at start");
