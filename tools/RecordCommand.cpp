@@ -107,11 +107,16 @@ public:
         process.Fill(buffer.GetProcessID());
         const BufferIdentity identity{buffer.GetBufferID(), buffer.GetProcessID(), process.GetCreationTime()};
         std::lock_guard lock(m_mutex);
-        auto saved = m_saved.LastIDs.find(identity);
-        Followed& followed = m_buffers[identity.BufferID];
-        followed.Identity = identity;
-        followed.LastID = followed.ResumeAfter = saved != m_saved.LastIDs.end() ? saved->second : 0;
-        return followed.LastID;
+        // A buffer can be announced twice (present at the start and newly created): the first
+        // announcement counts, and what was read since must not be forgotten.
+        auto [followed, added] = m_buffers.try_emplace(identity.BufferID);
+        if (added || followed->second.Identity != identity) {
+            auto saved = m_saved.LastIDs.find(identity);
+            followed->second.Identity = identity;
+            followed->second.LastID = followed->second.ResumeAfter =
+                saved != m_saved.LastIDs.end() ? saved->second : 0;
+        }
+        return followed->second.LastID;
     }
 
     void OnNewTraces(std::vector<std::unique_ptr<Trace>>& traces) override {
