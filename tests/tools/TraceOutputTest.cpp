@@ -14,6 +14,7 @@
 #include "paxltrace.h"
 #include "tools/SyslogMessage.h"
 #include "tools/ToolOs.h"
+#include "tools/TraceText.h"
 
 namespace Tracing::Tool {
 namespace {
@@ -362,6 +363,28 @@ for path in sys.argv[1:]:
     EXPECT_TRUE(out.empty()) << out;
 }
 #endif
+
+TEST(SyslogTextTest, ReceiversGetWellFormedUtf8AndTargetsParseAsWritten) {
+    const std::pair<std::string, std::string> texts[] = {
+        {"plain \xC3\xBC \xE2\x82\xAC \xF0\x9F\x98\x80", "plain \xC3\xBC \xE2\x82\xAC \xF0\x9F\x98\x80"},
+        {"cut \xC3", "cut \xEF\xBF\xBD"},                          // sequence ends early
+        {"latin1 \xFC!", "latin1 \xEF\xBF\xBD!"},                  // a lone lead byte
+        {"\xC0\xAF", "\xEF\xBF\xBD\xEF\xBF\xBD"},                  // overlong '/'
+        {"\xED\xA0\x80", "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD"},  // surrogate
+    };
+    for (const auto& [text, expected] : texts) {
+        EXPECT_EQ(ValidUtf8(text), expected) << text;
+    }
+    SyslogTarget target;
+    std::string error;
+    ASSERT_TRUE(ParseSyslogTarget("udp://[::1]:5514", target, error));
+    EXPECT_FALSE(target.Tcp);
+    EXPECT_EQ(target.Host + " " + target.Port, "::1 5514");
+    EXPECT_FALSE(ParseSyslogTarget("tcp://host:70000", target, error));
+    EXPECT_FALSE(ParseSyslogTarget("tcp://[::1]", target, error));
+    EXPECT_EQ(SyslogFacility("local7"), 23);
+    EXPECT_EQ(FrameOctetCounted("<134>1 - - - - - -"), "18 <134>1 - - - - - -");
+}
 
 // One clear line and the documented exit code for what cannot work, never a wait.
 TEST_F(TraceOutputTest, BadArgumentsAndUnreachableServersEndAtOnce) {
