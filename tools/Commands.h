@@ -4,6 +4,7 @@
 #include <CLI/CLI.hpp>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -12,8 +13,9 @@
 #include "tools/TraceFollower.h"
 
 namespace Tracing {
+class Trace;
 class TraceBuffer;
-}
+}  // namespace Tracing
 
 namespace Tracing::Tool {
 
@@ -55,6 +57,10 @@ int RunTail(const TailOptions& options);
 void WaitForRegistryUpdate();
 // A consumer buffer by ID or subsystem name (pid 0 = any process); null with a message otherwise.
 TraceBuffer* FindConsumerBuffer(const std::string& which, int64_t processID, std::string& error);
+// Reads a log or CSV file (format "log", "csv", or empty: from the extension, .csv or else log);
+// false with a message when it cannot be read.
+bool ReadTraceFile(const std::string& path, const std::string& format,
+                   std::vector<std::unique_ptr<Trace>>& traces);
 // A severity by name (any case) or number 0-7.
 std::optional<Severity::Type> ParseSeverity(const std::string& text);
 

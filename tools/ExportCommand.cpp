@@ -138,18 +138,8 @@ int RunExport(const ExportOptions& options) {
         return ExitUsage;
     }
     std::vector<std::unique_ptr<Trace>> traces;
-    if (!options.Input.empty()) {
-        std::ifstream in(options.Input, std::ios::binary);
-        if (!in) {
-            std::cerr << "paxltrace: cannot read " << options.Input << '\n';
-            return ExitFailure;
-        }
-        const bool csv = options.From.empty() ? options.Input.ends_with(".csv") : options.From == "csv";
-        if (csv) {
-            Trace::ReadCsvFromStream(in, traces, 0, Trace::CSV_SEPARATOR);
-        } else {
-            Trace::ReadFromStream(in, traces, 0, Trace::LOG_SEPARATOR);
-        }
+    if (!options.Input.empty() && !ReadTraceFile(options.Input, options.From, traces)) {
+        return ExitFailure;
     }
     std::ofstream out(options.Chrome, std::ios::binary | std::ios::trunc);
     if (!out) {

@@ -46,17 +46,29 @@ std::string FormatOf(const std::string& path, const std::string& given) {
     return dot != std::string::npos && path.substr(dot) == ".csv" ? "csv" : "log";
 }
 
-int RunConvert(const ConvertOptions& options) {
-    std::ifstream in(options.Input, std::ios::binary);
+}  // namespace
+
+bool ReadTraceFile(const std::string& path, const std::string& format,
+                   std::vector<std::unique_ptr<Trace>>& traces) {
+    std::ifstream in(path, std::ios::binary);
     if (!in) {
-        std::cerr << "paxltrace: cannot read " << options.Input << '\n';
-        return ExitFailure;
+        std::cerr << "paxltrace: cannot read " << path << '\n';
+        return false;
     }
-    std::vector<std::unique_ptr<Trace>> traces;
-    if (FormatOf(options.Input, options.From) == "csv") {
+    if (FormatOf(path, format) == "csv") {
         Trace::ReadCsvFromStream(in, traces, 0, Trace::CSV_SEPARATOR);
     } else {
         Trace::ReadFromStream(in, traces, 0, Trace::LOG_SEPARATOR);
+    }
+    return true;
+}
+
+namespace {
+
+int RunConvert(const ConvertOptions& options) {
+    std::vector<std::unique_ptr<Trace>> traces;
+    if (!ReadTraceFile(options.Input, options.From, traces)) {
+        return ExitFailure;
     }
     std::ofstream out(options.Output, std::ios::binary | std::ios::trunc);
     if (!out) {
