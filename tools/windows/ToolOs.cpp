@@ -188,9 +188,16 @@ std::string SocketErrorText(int code) {
     return result.empty() ? "socket error " + std::to_string(code) : result;
 }
 
-bool WaitSocket(SOCKET socket, short events, unsigned timeoutMs) {
-    WSAPOLLFD entry{socket, events, 0};
-    return ::WSAPoll(&entry, 1, static_cast<INT>(timeoutMs)) > 0;
+// select rather than WSAPoll, which older Windows headers leave out; a failed connect shows up
+// in the error set.
+bool WaitSocket(SOCKET socket, bool forWriting, unsigned timeoutMs) {
+    fd_set ready, failed;
+    FD_ZERO(&ready);
+    FD_ZERO(&failed);
+    FD_SET(socket, &ready);
+    FD_SET(socket, &failed);
+    timeval timeout{static_cast<long>(timeoutMs / 1000), static_cast<long>(timeoutMs % 1000) * 1000};
+    return ::select(0, forWriting ? nullptr : &ready, forWriting ? &ready : nullptr, &failed, &timeout) > 0;
 }
 
 }  // namespace
@@ -207,17 +214,17 @@ SocketHandle ConnectSocket(const std::string& host, const std::string& port, boo
         error = "Winsock did not start";
         return NoSocket;
     }
-    ADDRINFOA hints{};
+    addrinfo hints{};
     hints.ai_family = AF_UNSPEC;
     hints.ai_socktype = tcp ? SOCK_STREAM : SOCK_DGRAM;
-    ADDRINFOA* addresses = nullptr;
+    addrinfo* addresses = nullptr;
     if (int result = ::getaddrinfo(host.c_str(), port.c_str(), &hints, &addresses); result != 0) {
         error = SocketErrorText(result);
         return NoSocket;
     }
     error = "no address";
     SOCKET socket = INVALID_SOCKET;
-    for (ADDRINFOA* address = addresses; address != nullptr && socket == INVALID_SOCKET;
+    for (addrinfo* address = addresses; address != nullptr && socket == INVALID_SOCKET;
          address = address->ai_next) {
         socket = ::socket(address->ai_family, address->ai_socktype, address->ai_protocol);
         if (socket == INVALID_SOCKET) {
@@ -230,7 +237,7 @@ SocketHandle ConnectSocket(const std::string& host, const std::string& port, boo
         int code = result == 0 ? 0 : ::WSAGetLastError();
         if (code == WSAEWOULDBLOCK) {
             code = WSAETIMEDOUT;
-            if (WaitSocket(socket, POLLWRNORM, timeoutMs)) {
+            if (WaitSocket(socket, true, timeoutMs)) {
                 int length = sizeof code;
                 ::getsockopt(socket, SOL_SOCKET, SO_ERROR, reinterpret_cast<char*>(&code), &length);
             }
@@ -259,7 +266,7 @@ bool SendAll(SocketHandle handle, std::string_view data, unsigned timeoutMs, std
             error = SocketErrorText(code);
             return false;
         }
-        if (!WaitSocket(socket, POLLWRNORM, timeoutMs)) {
+        if (!WaitSocket(socket, true, timeoutMs)) {
             error = "send timed out";
             return false;
         }
