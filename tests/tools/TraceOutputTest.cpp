@@ -12,6 +12,7 @@
 #include "Trace/Records/Severity.h"
 #include "Trace/Records/Trace.h"
 #include "paxltrace.h"
+#include "tools/RotatingFiles.h"
 #include "tools/SyslogMessage.h"
 #include "tools/ToolOs.h"
 #include "tools/TraceText.h"
@@ -387,6 +388,27 @@ TEST(SyslogTextTest, ReceiversGetWellFormedUtf8AndTargetsParseAsWritten) {
     EXPECT_FALSE(ParseSyslogTarget("tcp://[::1]", target, error));
     EXPECT_EQ(SyslogFacility("local7"), 23);
     EXPECT_EQ(FrameOctetCounted("<134>1 - - - - - -"), "18 <134>1 - - - - - -");
+}
+
+TEST_F(TraceOutputTest, RotationKeepsTheNewestFilesEachWithItsHeader) {
+    const std::string dir = TempFile("rotate");
+    RotatingFiles files(dir, ".log", "H\n", 4096, 2);
+    std::string error;
+    ASSERT_TRUE(files.Open("", 0, error)) << error;
+    for (int i = 0; i < 100; ++i) {
+        files.Add(std::string(99, 'a' + i % 26) + "\n");
+    }
+    ASSERT_TRUE(files.Flush(error)) << error;
+    // 40 lines fit in 4096 bytes with the header: 100 lines make three files, of which two stay.
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator(dir)) {
+        names.push_back(entry.path().filename().string());
+    }
+    std::sort(names.begin(), names.end());
+    ASSERT_EQ(names, (std::vector<std::string>{"paxltrace-000002.log", "paxltrace-000003.log"}));
+    EXPECT_EQ(Read(dir + "/" + names[0]).size(), 2u + 40 * 100);
+    EXPECT_EQ(Read(dir + "/" + names[1]).substr(0, 3), "H\nc");  // line 80 begins it
+    EXPECT_EQ(files.Length(), 2u + 20 * 100);
 }
 
 // One clear line and the documented exit code for what cannot work, never a wait.
