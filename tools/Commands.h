@@ -4,15 +4,18 @@
 #include <CLI/CLI.hpp>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "Trace/Records/Severity.h"
+#include "tools/TraceFollower.h"
 
 namespace Tracing {
+class Trace;
 class TraceBuffer;
-}
+}  // namespace Tracing
 
 namespace Tracing::Tool {
 
@@ -36,12 +39,11 @@ void AddProfileCommand(CLI::App& app, Action& action);
 void AddTailCommand(CLI::App& app, Action& action);
 // demo and its hidden producer role
 void AddDemoCommands(CLI::App& app, Action& action);
+void AddRecordCommand(CLI::App& app, Action& action);
+void AddForwardCommand(CLI::App& app, Action& action);
+void AddExportCommand(CLI::App& app, Action& action);
 
-struct TailOptions {
-    std::vector<std::string> Buffers;  // IDs or subsystem names; empty = all
-    int64_t ProcessID = 0;
-    std::vector<std::string> Modules;
-    std::string MinSeverity;  // empty = all
+struct TailOptions : TraceSelection {
     bool Csv = false;
     std::string Output;  // empty = standard output
     uint32_t Since = 0;
@@ -56,6 +58,11 @@ int RunTail(const TailOptions& options);
 void WaitForRegistryUpdate();
 // A consumer buffer by ID or subsystem name (pid 0 = any process); null with a message otherwise.
 TraceBuffer* FindConsumerBuffer(const std::string& which, int64_t processID, std::string& error);
+// Reads a log or CSV file (format "log", "csv", or empty: from the extension, .csv or else log).
+// Lines that are no traces are left out and counted on standard error. ExitFailure when the file
+// cannot be read, ExitUsage when it holds no trace but such lines.
+int ReadTraceFile(const std::string& path, const std::string& format,
+                  std::vector<std::unique_ptr<Trace>>& traces);
 // A severity by name (any case) or number 0-7.
 std::optional<Severity::Type> ParseSeverity(const std::string& text);
 

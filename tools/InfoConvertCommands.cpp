@@ -49,6 +49,24 @@ std::string FormatOf(const std::string& path, const std::string& given) {
     return dot != std::string::npos && path.substr(dot) == ".csv" ? "csv" : "log";
 }
 
+TraceFileReader::Format FileFormat(const std::string& path, const std::string& given) {
+    return FormatOf(path, given) == "csv" ? TraceFileReader::Format::Csv : TraceFileReader::Format::Log;
+}
+
+char SeparatorOf(TraceFileReader::Format format) {
+    return format == TraceFileReader::Format::Csv ? Trace::CSV_SEPARATOR : Trace::LOG_SEPARATOR;
+}
+
+// Tells how many lines were left out; ExitUsage when nothing else was there: not a trace file.
+int ReportSkipped(const TraceFileReader& reader, const std::string& path, uint64_t traces) {
+    if (reader.GetSkippedLines() == 0) {
+        return ExitOk;
+    }
+    std::cerr << "paxltrace: " << reader.GetSkippedLines() << " lines of " << path
+              << " are not traces and were skipped\n";
+    return traces == 0 ? ExitUsage : ExitOk;
+}
+
 int RunConvert(const ConvertOptions& options) {
     std::ifstream in(options.Input, std::ios::binary);
     if (!in) {
@@ -61,10 +79,9 @@ int RunConvert(const ConvertOptions& options) {
         return ExitFailure;
     }
     InstallStopHandler();
-    const bool csvIn = FormatOf(options.Input, options.From) == "csv";
+    const auto format = FileFormat(options.Input, options.From);
     const bool csv = FormatOf(options.Output, options.To) == "csv";
-    TraceFileReader reader(in, csvIn ? TraceFileReader::Format::Csv : TraceFileReader::Format::Log,
-                           csvIn ? Trace::CSV_SEPARATOR : Trace::LOG_SEPARATOR);
+    TraceFileReader reader(in, format, SeparatorOf(format));
     BatchedOutput out(file);
     if (csv) {
         Trace::GetTraceCsvHeader(out, Trace::CSV_SEPARATOR);
@@ -92,18 +109,24 @@ int RunConvert(const ConvertOptions& options) {
         return ExitFailure;
     }
     std::cerr << converted << " traces converted\n";
-    if (reader.GetSkippedLines() != 0) {
-        std::cerr << "paxltrace: " << reader.GetSkippedLines() << " lines of " << options.Input
-                  << " are not traces and were skipped\n";
-        // Nothing but such lines: not a trace file.
-        if (converted == 0) {
-            return ExitUsage;
-        }
-    }
-    return ExitOk;
+    return ReportSkipped(reader, options.Input, converted);
 }
 
 }  // namespace
+
+int ReadTraceFile(const std::string& path, const std::string& format,
+                  std::vector<std::unique_ptr<Trace>>& traces) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) {
+        std::cerr << "paxltrace: cannot read " << path << '\n';
+        return ExitFailure;
+    }
+    const auto fileFormat = FileFormat(path, format);
+    TraceFileReader reader(in, fileFormat, SeparatorOf(fileFormat));
+    while (reader.ReadBatch(traces, 8192) && !StopRequested()) {
+    }
+    return ReportSkipped(reader, path, traces.size());
+}
 
 void AddInfoCommand(CLI::App& app, Action& action) {
     app.add_subcommand("info", "Version, configuration in force and shared-memory consumption")

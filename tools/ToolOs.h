@@ -1,7 +1,9 @@
 // The few operating-system services the tool needs beyond the library.
 #pragma once
 
+#include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace Tracing::Tool {
@@ -26,5 +28,21 @@ long StartSelf(const std::vector<std::string>& arguments);
 void StopChild(long pid);
 // Waits for the child; its exit code, or 128 + signal number.
 int WaitChild(long pid);
+
+// The machine's name; empty when unknown.
+std::string MachineName();
+
+// Stream (TCP) and datagram (UDP) sockets for sending to a server; nothing here waits longer than
+// the time it is given.
+using SocketHandle = intptr_t;
+constexpr SocketHandle NoSocket = -1;
+// Resolves host and connects; NoSocket with the reason in error.
+SocketHandle ConnectSocket(const std::string& host, const std::string& port, bool tcp, unsigned timeoutMs,
+                           std::string& error);
+// Sends all of data; false with the reason when the peer is gone or the time ran out.
+bool SendAll(SocketHandle socket, std::string_view data, unsigned timeoutMs, std::string& error);
+// True when a stream peer that never sends anything closed its end or reset the connection.
+bool PeerClosed(SocketHandle socket);
+void CloseSocket(SocketHandle socket);
 
 }  // namespace Tracing::Tool

@@ -19,6 +19,9 @@ int main(int argc, char** argv) {
     AddTailCommand(app, action);
     AddProfileCommand(app, action);
     AddConvertCommand(app, action);
+    AddRecordCommand(app, action);
+    AddForwardCommand(app, action);
+    AddExportCommand(app, action);
     AddDemoCommands(app, action);
     try {
         app.parse(argc, argv);

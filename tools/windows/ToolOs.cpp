@@ -1,7 +1,11 @@
 #include "tools/ToolOs.h"
 
+// Winsock before windows.h, which would otherwise pull in the old winsock.h.
 #include <windows.h>
+#include <winsock2.h>
+#include <ws2tcpip.h>
 
+#include <algorithm>
 #include <atomic>
 #include <map>
 #include <mutex>
@@ -161,6 +165,125 @@ int WaitChild(long pid) {
         ::CloseHandle(child.StopEvent);
     }
     return ended ? static_cast<int>(code) : -1;
+}
+
+namespace {
+
+bool StartWinsock() {
+    static const bool started = [] {
+        WSADATA data;
+        return ::WSAStartup(MAKEWORD(2, 2), &data) == 0;
+    }();
+    return started;
+}
+
+std::string SocketErrorText(int code) {
+    char text[256] = {};
+    const DWORD length = ::FormatMessageA(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr,
+                                          static_cast<DWORD>(code), 0, text, sizeof text, nullptr);
+    std::string result(text, length);
+    while (!result.empty() && static_cast<unsigned char>(result.back()) <= ' ') {
+        result.pop_back();
+    }
+    return result.empty() ? "socket error " + std::to_string(code) : result;
+}
+
+// select rather than WSAPoll, which older Windows headers leave out; a failed connect shows up
+// in the error set.
+bool WaitSocket(SOCKET socket, bool forWriting, unsigned timeoutMs) {
+    fd_set ready, failed;
+    FD_ZERO(&ready);
+    FD_ZERO(&failed);
+    FD_SET(socket, &ready);
+    FD_SET(socket, &failed);
+    timeval timeout{static_cast<long>(timeoutMs / 1000), static_cast<long>(timeoutMs % 1000) * 1000};
+    return ::select(0, forWriting ? nullptr : &ready, forWriting ? &ready : nullptr, &failed, &timeout) > 0;
+}
+
+}  // namespace
+
+std::string MachineName() {
+    char name[256] = {};
+    DWORD size = sizeof name;
+    return ::GetComputerNameA(name, &size) ? std::string(name, size) : std::string();
+}
+
+SocketHandle ConnectSocket(const std::string& host, const std::string& port, bool tcp, unsigned timeoutMs,
+                           std::string& error) {
+    if (!StartWinsock()) {
+        error = "Winsock did not start";
+        return NoSocket;
+    }
+    addrinfo hints{};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = tcp ? SOCK_STREAM : SOCK_DGRAM;
+    addrinfo* addresses = nullptr;
+    if (int result = ::getaddrinfo(host.c_str(), port.c_str(), &hints, &addresses); result != 0) {
+        error = SocketErrorText(result);
+        return NoSocket;
+    }
+    error = "no address";
+    SOCKET socket = INVALID_SOCKET;
+    for (addrinfo* address = addresses; address != nullptr && socket == INVALID_SOCKET;
+         address = address->ai_next) {
+        socket = ::socket(address->ai_family, address->ai_socktype, address->ai_protocol);
+        if (socket == INVALID_SOCKET) {
+            error = SocketErrorText(::WSAGetLastError());
+            continue;
+        }
+        u_long nonBlocking = 1;
+        ::ioctlsocket(socket, FIONBIO, &nonBlocking);
+        int result = ::connect(socket, address->ai_addr, static_cast<int>(address->ai_addrlen));
+        int code = result == 0 ? 0 : ::WSAGetLastError();
+        if (code == WSAEWOULDBLOCK) {
+            code = WSAETIMEDOUT;
+            if (WaitSocket(socket, true, timeoutMs)) {
+                int length = sizeof code;
+                ::getsockopt(socket, SOL_SOCKET, SO_ERROR, reinterpret_cast<char*>(&code), &length);
+            }
+        }
+        if (code != 0) {
+            error = SocketErrorText(code);
+            ::closesocket(socket);
+            socket = INVALID_SOCKET;
+        }
+    }
+    ::freeaddrinfo(addresses);
+    return socket == INVALID_SOCKET ? NoSocket : static_cast<SocketHandle>(socket);
+}
+
+bool SendAll(SocketHandle handle, std::string_view data, unsigned timeoutMs, std::string& error) {
+    const SOCKET socket = static_cast<SOCKET>(handle);
+    while (!data.empty()) {
+        const int sent =
+            ::send(socket, data.data(), static_cast<int>(std::min<size_t>(data.size(), 1 << 20)), 0);
+        if (sent >= 0) {
+            data.remove_prefix(static_cast<size_t>(sent));
+            continue;
+        }
+        const int code = ::WSAGetLastError();
+        if (code != WSAEWOULDBLOCK) {
+            error = SocketErrorText(code);
+            return false;
+        }
+        if (!WaitSocket(socket, true, timeoutMs)) {
+            error = "send timed out";
+            return false;
+        }
+    }
+    return true;
+}
+
+bool PeerClosed(SocketHandle handle) {
+    char byte;
+    const int result = ::recv(static_cast<SOCKET>(handle), &byte, 1, MSG_PEEK);
+    return result == 0 || (result < 0 && ::WSAGetLastError() != WSAEWOULDBLOCK);
+}
+
+void CloseSocket(SocketHandle handle) {
+    if (handle != NoSocket) {
+        ::closesocket(static_cast<SOCKET>(handle));
+    }
 }
 
 }  // namespace Tracing::Tool
