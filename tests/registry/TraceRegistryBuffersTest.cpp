@@ -162,12 +162,19 @@ TEST(TraceRegistryBuffers, AFullRegistryIsCleanedOfBuffersThatNoLongerExist) {
     {
         const ReleaseFile never;
         const pid_t gone = SpawnChild("HoldBuffers", {never.path, "Gone0", "Gone1"});
-        ASSERT_TRUE(WaitFor([&] { return view.ActiveItems(gone).size() == 2; }, 20000));
+        // The updater's reading copies keep the buffers' memory alive: no clean-up can free them
+        // before the updater has let go of them, in the cycle after it learnt of the death.
+        const auto copiesHere = [&] {
+            return (Registry().GetConsumerBuffer(gone, "", "Gone0") != nullptr) +
+                   (Registry().GetConsumerBuffer(gone, "", "Gone1") != nullptr);
+        };
+        ASSERT_TRUE(WaitFor([&] { return copiesHere() == 2; }, 20000));
         kill(gone, SIGKILL);
         EXPECT_EQ(WaitChild(gone), 128 + SIGKILL);
+        ASSERT_TRUE(WaitFor([&] { return copiesHere() == 0; }, 20000));
     }
 
-    // The dead items go, whether the updater or the registration finds them first.
+    // The dead items are gone, or go with the registration's clean-up.
     EventLogCapture log;
     TraceBuffer::ErrorType error = TraceBuffer::SharedMemoryFailed;
     TraceBuffer* buffer = Registry().RegisterBuffer("Alive", "Module", TimestampMode::NotSet, 0, 0, &error);

@@ -18,7 +18,9 @@
 #include "TestSupport.h"
 #include "Trace/Buffer/TraceReaderInfo.h"
 #include "Trace/Buffer/TraceStream.h"
+#include "Trace/Engine/TraceConfigurationPrivate.h"
 #include "Trace/Ipc/TraceSharedMemory.h"
+#include "Trace/Reading/TraceReader.h"
 #include "Trace/Reading/TraceUpdateManager.h"
 #include "Trace/Records/Trace.h"
 #include "Trace/Registry/ITraceRegistryDataChangedListener.h"
@@ -145,18 +147,50 @@ std::vector<std::string> ShmObjectsWith(const std::string& part) {
     return names;
 }
 
+constexpr uint32_t StallRing = 16384;
+constexpr uint32_t StalledID = 49;
+constexpr uint32_t LastStallID = 51;
+
+// What a producer killed inside one of its writes leaves: a lap of 512-byte entries (IDs 1-32), the
+// first 1024 bytes of it overwritten by 64-byte ones (33-48), a span reserved and numbered (49) but
+// never cleared, so that the earlier lap's 512-byte entry 3 still lies under it, and two entries
+// (50, 51) that other threads completed behind it.
+bool WriteAroundAStalledSpan(TraceBuffer& buffer) {
+    const auto write = [&](uint32_t count, size_t length) {
+        const std::string text(length, 'x');
+        for (uint32_t i = 0; i < count; ++i)
+            buffer.GetTraceStream()->Write(0, 0, 1, 0, Severity::Info, nullptr, 0, text.c_str(), 0, nullptr);
+    };
+    write(StallRing / 512, 512 - 41);
+    write(16, 64 - 41);
+    buffer.GetBufferData()->GetAtomicWriteIndex().fetch_add(64);
+    buffer.GetBufferData()->GetAtomicTotalTraceCounter().fetch_add(1);
+    write(2, 64 - 41);
+    return buffer.GetTraceStream()->GetTotalTraceCounter() == LastStallID;
+}
+
 }  // namespace
 
 PAXLTRACE_CHILD_ROLE(Exit) {
     return 0;
 }
 
-// args: subsystem, mode ("hold" or "flash").
+// args: subsystem, mode ("hold", "flash", or "stall": a small ring left as by a writer killed
+// inside its entry).
 PAXLTRACE_CHILD_ROLE(Produce) {
     const std::string& subsystem = args.at(0);
+    const bool stall = args.at(1) == "stall";
+    if (stall) {
+        TraceConfigurationPrivate& configuration = TraceConfigurationPrivate::GetInstance();
+        configuration.SetTraceStreamSize(StallRing);
+        // Per-buffer IDs: no other process draws them, so their gaps are exactly what was lost.
+        configuration.SetGlobalTraceID(false);
+    }
     TraceBuffer* buffer = Registry().RegisterBuffer(subsystem.c_str(), "Module", TimestampMode::NotSet);
     if (buffer == nullptr)
         return 90;
+    if (stall && !WriteAroundAStalledSpan(*buffer))
+        return 93;
     if (args.at(1) != "flash") {
         Touch(Marker(subsystem, "ready"));
         // A killed producer never gets past this.
@@ -288,6 +322,55 @@ TEST(TraceRegistryUpdate, KilledProcessesLeaveNoMemoryBehind) {
         }
 #endif
     }
+}
+
+// The reader waits a bounded time for the span of a writer killed inside its entry, then reports
+// it lost and reads on. The earlier lap's entry under the span is never taken: taking it once sent
+// the cursor past the write index and its recovery delivered the whole ring a second time.
+TEST(TraceRegistryUpdate, AKilledWritersSpanIsReportedLostAndNoTraceComesTwice) {
+    Producer producer("Stalled", "stall");
+    ASSERT_TRUE(producer.WaitUntilRegistered());
+    ASSERT_TRUE(WaitFor([&] { return producer.ConsumerID() >= 0; }, 20000));
+    const int32_t id = producer.ConsumerID();
+    // Keeps the dead producer's buffer attached, so that reading does not race its removal.
+    Registry().RegisterInterest(id);
+    ASSERT_EQ(kill(producer.pid, SIGKILL), 0);
+    ASSERT_EQ(WaitChild(producer.pid), 128 + SIGKILL);
+    {
+        TraceReader reader;
+        ASSERT_EQ(reader.Create(0, false, false), TraceReader::Success);
+        ASSERT_EQ(reader.RegisterBuffer(id, 0), TraceReader::Success);
+        std::vector<uint32_t> ids;
+        std::vector<std::string> reports;
+        WaitFor(
+            [&] {
+                std::vector<std::unique_ptr<Trace>> traces;
+                reader.ReadTraces(traces);
+                for (const auto& trace : traces) {
+                    if (trace->GetModuleID() == -1)
+                        reports.push_back(trace->GetMessageString());
+                    else
+                        ids.push_back(trace->GetID());
+                }
+                return ids.size() > 100 || (!ids.empty() && ids.back() == LastStallID);
+            },
+            5000);
+        // Entries 1-3 were overwritten before the reader came; the oldest one left is 4.
+        std::vector<uint32_t> expected;
+        for (uint32_t traceID = 4; traceID <= LastStallID; ++traceID) {
+            if (traceID != StalledID)
+                expected.push_back(traceID);
+        }
+        EXPECT_EQ(ids, expected);
+        EXPECT_EQ(reports,
+                  std::vector<std::string>{"Trace overflow. Buffer Size: 0.015625 MB. Error: 'There's a "
+                                           "not completely written trace in the buffer'."});
+        const TraceReadStatistics statistics = reader.GetStatistics();
+        EXPECT_EQ(statistics.Lost, 1u);
+        EXPECT_EQ(statistics.Delivered, expected.size());
+    }
+    Registry().UnregisterInterest(id);
+    ASSERT_TRUE(WaitForAllUpdates());
 }
 
 // Items whose buffer cannot be attached: of dead local processes, and of another host with no
