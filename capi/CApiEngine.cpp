@@ -211,12 +211,13 @@ PAXLTRACE_API unsigned char trace_engine_register_flag_checked(TraceEngine* engi
 }
 
 PAXLTRACE_API bool trace_engine_set_flag(TraceEngine* engine, unsigned flagBit, bool on) {
+    // The bit narrows to a byte as every flag bit does in the interface: 260 names bit 4.
+    const auto bit = static_cast<uint8_t>(flagBit);
     if (engine == nullptr || engine->module == nullptr || engine->buffer == nullptr ||
-        flagBit > TraceModuleData::LastFlagBit ||
-        !engine->module->IsFlagRegistered(static_cast<uint8_t>(flagBit)))
+        !engine->module->IsFlagRegistered(bit))
         return false;
     try {
-        engine->buffer->SetFlag(engine->moduleID, on, static_cast<uint8_t>(flagBit));
+        engine->buffer->SetFlag(engine->moduleID, on, bit);
         return true;
     } catch (...) {
         return false;

@@ -172,9 +172,6 @@ TraceBuffer::ErrorType TraceBuffer::Create(int32_t bufferID, int64_t processID,
         mode = record->GetTimestampMode();
     if (mode == TimestampMode::NotSet)
         mode = configuration.GetTimestampMode();
-    // A configuration initialised with mode 0 must not leave writers without a clock.
-    if (mode == TimestampMode::NotSet)
-        mode = TraceConfigurationPrivate::DefaultTimestampMode;
 
     uint32_t moduleCount = maxModules;
     if (record != nullptr && record->GetProfileMaxModules() != 0)
@@ -234,17 +231,6 @@ TraceBuffer::ErrorType TraceBuffer::Create(int32_t bufferID, int64_t processID,
                   << ", res: " << static_cast<unsigned>(result) << std::endl;
         Detach();
         return SharedMemoryFailed;
-    }
-
-    if (record != nullptr) {
-        // Preset modules carry module IDs of their own; new ones must not reuse them.
-        int32_t nextID = header->GetAtomicNextFreeModuleID().load(std::memory_order_seq_cst);
-        for (uint32_t i = 0; i < moduleCount; ++i) {
-            const TraceModuleData* slot = header->GetModule(i);
-            if (slot->IsActivated() && slot->GetModuleID() >= nextID)
-                nextID = slot->GetModuleID() + 1;
-        }
-        header->GetAtomicNextFreeModuleID().store(nextID, std::memory_order_seq_cst);
     }
 
     // A remote buffer numbers its own traces: the machine-wide counter belongs to this host.
@@ -698,11 +684,13 @@ uint32_t TraceBuffer::InitialFilterState(const char* name, Severity::Type severi
             preset != nullptr && (preset->GetFilterState() & Severity::Mask) != 0)
             return preset->GetFilterState() & Severity::Mask;
     }
-    if ((m_profileSeverity & Severity::Mask) != 0)
-        return m_profileSeverity & Severity::Mask;
-    if ((severity & Severity::Mask) != 0)
-        return severity & Severity::Mask;
-    return TraceConfigurationPrivate::GetInstance().GetSeverityFilter() & Severity::Mask;
+    // The rest as given: the filter word is what the caller or the configuration asked for, even
+    // when a larger value also sets flag bits.
+    if (m_profileSeverity != 0)
+        return m_profileSeverity;
+    if (severity != 0)
+        return severity;
+    return TraceConfigurationPrivate::GetInstance().GetSeverityFilter();
 }
 
 std::optional<bool> TraceBuffer::ProfileFlagState(const TraceModuleData& module, const char* flagName) const {
@@ -945,10 +933,13 @@ TraceBuffer::ErrorType TraceBuffer::WriteTrace(const Trace& trace) {
                         trace.GetSeverityMask(), fileName, trace.GetLineNumber(), trace.GetBinaryTraceID(),
                         message.GetParameterCount(), message.GetParameters());
     } else {
+        // A record read from a file has no message of its own, only the text it showed: that text
+        // goes into the ring rather than nothing.
+        const std::string& text =
+            trace.GetMessageString().empty() ? trace.GetFormattedMessage() : trace.GetMessageString();
         m_stream->Write(trace.GetID(), trace.GetModuleID(), trace.GetThreadID(), trace.GetTimestamp(),
-                        trace.GetSeverityMask(), fileName, trace.GetLineNumber(),
-                        trace.GetMessageString().c_str(), message.GetParameterCount(),
-                        message.GetParameters(), 0);
+                        trace.GetSeverityMask(), fileName, trace.GetLineNumber(), text.c_str(),
+                        message.GetParameterCount(), message.GetParameters(), 0);
     }
     return Success;
 }
