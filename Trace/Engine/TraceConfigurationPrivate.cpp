@@ -4,10 +4,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <iostream>
 #include <ostream>
-#include <sstream>
 
 #include "Trace/Buffer/TraceBufferData.h"
 #include "Trace/Diagnostics/TraceDiagnostics.h"
@@ -16,6 +14,7 @@
 #include "Trace/Registry/TraceRegistryData.h"
 #include "platform/ExecutablePath.h"
 #include "platform/Process.h"
+#include "platform/TextFile.h"
 
 namespace Tracing {
 
@@ -87,14 +86,10 @@ uint32_t StreamSizeFrom(const std::string& value, std::string& problem) {
 }
 
 std::map<std::string, std::string> ReadConfigurationFile(const std::string& path) {
-    if (path.empty())
+    std::string text;
+    if (path.empty() || !Platform::ReadWholeFile(path, text))
         return {};
-    std::ifstream file(path, std::ios::in | std::ios::binary);
-    if (!file)
-        return {};
-    std::ostringstream text;
-    text << file.rdbuf();
-    return Internal::ParseConfigurationText(text.str());
+    return Internal::ParseConfigurationText(text);
 }
 
 // Buffers created before a name change carry the new name from now on. Before the registry

@@ -79,6 +79,17 @@ TEST(TraceConfigurationFile, EnvironmentHidesTheFileEvenWhenEmpty) {
     EXPECT_EQ(noFile.GetShmPrefix(), "");
 }
 
+TEST(TraceConfigurationFile, IsReadFromADirectoryWithANonAsciiName) {
+    TempDir dir;
+    const fs::path directory = dir.Path() / fs::path(u8"Größe ✓ Конфиг");
+    fs::create_directory(directory);
+    std::ofstream(directory / "paxltrace.conf") << "TRACE_MAX_MODULES=7\n";
+    const std::u8string path = (directory / "paxltrace.conf").u8string();
+    const TraceConfigurationPrivate config([](const char*) -> const char* { return nullptr; },
+                                           std::string(path.begin(), path.end()));
+    EXPECT_EQ(config.GetMaxNumberOfModules(), 7u);
+}
+
 TEST(TraceConfigurationVariables, NumbersFollowUnsignedScanWithZeroKeptOnlyForWaitAndSwitches) {
     struct Case {
         const char* value;
