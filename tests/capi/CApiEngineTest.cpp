@@ -51,6 +51,7 @@ Engine Create(const char* buffer, const char* module, unsigned moduleCount = 0, 
 }  // namespace
 
 TEST(CApiEngine, CreationFailuresAndTheirWarning) {
+    trace_config_set_max_buffers(3);  // before the registry exists: its capacity
     TraceEngine* untouched = reinterpret_cast<TraceEngine*>(0x1);
     testing::internal::CaptureStderr();
     EXPECT_EQ(trace_engine_create("Buf", "", 0, 0, true, &untouched, nullptr), 8);
@@ -85,6 +86,25 @@ TEST(CApiEngine, CreationFailuresAndTheirWarning) {
     trace_engine_set_severity(first, 6);
     EXPECT_EQ(trace_engine_get_severity(again), 6u);
     EXPECT_EQ(*sharedWord & 7u, 6u);
+
+    // A full registry is named, with its size, after code 2.
+    int fullAt = -1;
+    testing::internal::CaptureStderr();
+    for (int i = 0; i < 3 && fullAt < 0; ++i) {
+        TraceEngine* more = nullptr;
+        const int result =
+            trace_engine_create(("More" + std::to_string(i)).c_str(), "M", 0, 0, true, &more, nullptr);
+        if (result == 0)
+            engines.emplace_back(more);
+        else if (result == 2)
+            fullAt = i;
+    }
+    const std::string full = testing::internal::GetCapturedStderr();
+    EXPECT_GE(fullAt, 0);
+    EXPECT_NE(full.find("Error code 2: Cannot create buffer."), std::string::npos) << full;
+    EXPECT_NE(full.find("WARNING: The trace registry is full: all 3 buffers are in use (TRACE_MAX_BUFFERS=3"),
+              std::string::npos)
+        << full;
 
     for (unsigned code = 0; code <= 9; ++code)
         EXPECT_NE(std::string(trace_engine_error_text(code)), "") << code;
