@@ -152,6 +152,7 @@ void TraceProfileSHMHandler::SHMConfigWriter::Visit(const TraceProfile::SubSyste
     image->SetProfileMaxModules(maxModules != 0 ? std::max(maxModules, moduleCount) : 0);
     image->SetProfileSeverity(subSystem.GetSeverity());
 
+    unsigned slotIndex = 0;
     for (const auto& [name, module] : subSystem.GetModules()) {
         unsigned severity = module.GetSeverity();
         if (severity == 0)
@@ -161,8 +162,11 @@ void TraceProfileSHMHandler::SHMConfigWriter::Visit(const TraceProfile::SubSyste
         // IDs from the image's own counter: a buffer copied from it keeps the counter as it is and
         // so never hands a preset module's ID to a new one. Readers take the severity bits only.
         const int32_t moduleID = image->GetAtomicNextFreeModuleID().fetch_add(1, std::memory_order_seq_cst);
-        TraceModuleData* slot = image->ActivateFirstFreeModule(moduleID, name.c_str(), severity);
-        if (slot == nullptr) {
+        // The slots fill in order, so the next one is the first free one: no search per module,
+        // which made large profiles quadratic.
+        TraceModuleData* slot =
+            slotIndex < image->GetSizeOfModuleArray() ? image->GetModule(slotIndex++) : nullptr;
+        if (slot == nullptr || !slot->Activate(image->GetBufferID(), moduleID, name.c_str(), severity)) {
             m_ok = false;
             return;
         }
