@@ -1092,6 +1092,7 @@ void TraceBuffer::GetInfo(TraceBufferInfo& info) const {
     info.Mode = m_header->GetTimestampMode();
     info.WriteIndex = m_header->GetAtomicWriteIndex().load(std::memory_order_seq_cst);
     info.TotalTraceCounter = m_header->GetAtomicTotalTraceCounter().load(std::memory_order_seq_cst);
+    info.GlobalTraceID = m_header->GetGlobalTraceID();
     info.ReuseFilterState = m_header->GetReuseFilterState();
     info.ConsumerAttached = m_header->GetConsumerAttached().load(std::memory_order_seq_cst) != 0;
     info.Initialized = m_header->GetInitializedFlag().load(std::memory_order_seq_cst) == 1;
