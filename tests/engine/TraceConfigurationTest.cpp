@@ -72,7 +72,7 @@ TEST(TraceConfigurationFile, EnvironmentHidesTheFileEvenWhenEmpty) {
 
 TEST(TraceConfigurationFile, IsReadFromADirectoryWithANonAsciiName) {
     TempDir dir;
-    const fs::path directory = dir.Path() / fs::path(u8"Größe ✓ Конфиг");
+    const fs::path directory = dir.path / fs::path(u8"Größe ✓ Конфиг");
     fs::create_directory(directory);
     std::ofstream(directory / "paxltrace.conf") << "TRACE_MAX_MODULES=7\n";
     const std::u8string path = (directory / "paxltrace.conf").u8string();
