@@ -49,7 +49,7 @@ unsigned* FilterWordAddress(TraceModuleData* module) {
 
 // Binds the engine to a module slot of this process's buffer of that name.
 int CreateEngine(TraceEngine& engine, const char* bufferName, const char* moduleName, unsigned moduleCount,
-                 unsigned severity) {
+                 unsigned severity, TraceBuffer::ErrorType& bufferError) {
     if (engine.buffer != nullptr)
         return TRACE_ENGINE_ALREADY_CREATED;
     // The registry first: the profile handler may reach for it under its own lock, and another
@@ -57,7 +57,7 @@ int CreateEngine(TraceEngine& engine, const char* bufferName, const char* module
     TraceRegistry& registry = TraceRegistry::GetInstance();
     engine.traceLocation = TraceProfileSHMHandler::GetInstance().WriteTraceLocation();
     TraceBuffer* buffer =
-        registry.RegisterBuffer(bufferName, moduleName, TimestampMode::NotSet, moduleCount, 0, nullptr);
+        registry.RegisterBuffer(bufferName, moduleName, TimestampMode::NotSet, moduleCount, 0, &bufferError);
     if (buffer == nullptr)
         return TRACE_ENGINE_CANNOT_CREATE_BUFFER;
     TraceStream* stream = buffer->GetTraceStream();
@@ -82,7 +82,8 @@ int CreateEngine(TraceEngine& engine, const char* bufferName, const char* module
                                                                  : TRACE_ENGINE_OK;
 }
 
-[[gnu::cold]] void PrintCreateWarning(const char* bufferName, const char* moduleName, int result) {
+[[gnu::cold]] void PrintCreateWarning(const char* bufferName, const char* moduleName, int result,
+                                      TraceBuffer::ErrorType bufferError) {
     try {
         const char* application = TraceConfigurationPrivate::GetInstance().GetApplicationName();
         Internal::PrintMsg(
@@ -94,6 +95,14 @@ int CreateEngine(TraceEngine& engine, const char* bufferName, const char* module
                 .Add(static_cast<int32_t>(result))
                 .Add(trace_engine_error_text(static_cast<unsigned>(result))),
             true);
+        // Code 2 alone does not say why; a full registry is the one cause an administrator can fix.
+        if (bufferError == TraceBuffer::NoFreeRegistryItem)
+            Internal::PrintMsg(Severity::Warning,
+                               TraceMessage("WARNING: The trace registry is full: all %1 buffers are in use "
+                                            "(TRACE_MAX_BUFFERS=%2 in this process).")
+                                   .Add(TraceRegistry::GetInstance().GetSizeOfBufferArray())
+                                   .Add(TraceConfigurationPrivate::GetInstance().GetMaxNumberOfBuffers()),
+                               true);
     } catch (...) {
         // A warning that cannot be printed is dropped.
     }
@@ -151,12 +160,13 @@ PAXLTRACE_API int trace_engine_create(const char* bufferName, const char* module
                                       unsigned severity, bool printWarning, TraceEngine** engine,
                                       unsigned** filterWord) {
     int result = TRACE_ENGINE_INVALID_ARGUMENTS;
+    TraceBuffer::ErrorType bufferError = TraceBuffer::Success;
     if (!IsEmpty(bufferName) && !IsEmpty(moduleName) && engine != nullptr) {
         try {
             char name[Internal::ShmNameFieldSize];
             Internal::CopyShmName(name, bufferName);
             auto created = std::make_unique<TraceEngine>();
-            result = CreateEngine(*created, name, moduleName, moduleCount, severity);
+            result = CreateEngine(*created, name, moduleName, moduleCount, severity, bufferError);
             if (result == TRACE_ENGINE_OK || result == TRACE_ENGINE_TEXT_TOO_LONG) {
                 if (std::strlen(bufferName) > Internal::ShmNameMaxLength)
                     result = TRACE_ENGINE_TEXT_TOO_LONG;
@@ -169,7 +179,7 @@ PAXLTRACE_API int trace_engine_create(const char* bufferName, const char* module
         }
     }
     if (printWarning && result != TRACE_ENGINE_OK && result != TRACE_ENGINE_TEXT_TOO_LONG)
-        PrintCreateWarning(bufferName, moduleName, result);
+        PrintCreateWarning(bufferName, moduleName, result, bufferError);
     return result;
 }
 
@@ -211,12 +221,13 @@ PAXLTRACE_API unsigned char trace_engine_register_flag_checked(TraceEngine* engi
 }
 
 PAXLTRACE_API bool trace_engine_set_flag(TraceEngine* engine, unsigned flagBit, bool on) {
+    // The bit narrows to a byte as every flag bit does in the interface: 260 names bit 4.
+    const auto bit = static_cast<uint8_t>(flagBit);
     if (engine == nullptr || engine->module == nullptr || engine->buffer == nullptr ||
-        flagBit > TraceModuleData::LastFlagBit ||
-        !engine->module->IsFlagRegistered(static_cast<uint8_t>(flagBit)))
+        !engine->module->IsFlagRegistered(bit))
         return false;
     try {
-        engine->buffer->SetFlag(engine->moduleID, on, static_cast<uint8_t>(flagBit));
+        engine->buffer->SetFlag(engine->moduleID, on, bit);
         return true;
     } catch (...) {
         return false;

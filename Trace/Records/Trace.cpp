@@ -318,12 +318,10 @@ void Trace::FillFromTextFields() {
         if (std::sscanf(m_threadIDText.c_str(), "%x", &threadID) == 1)
             m_threadID = threadID;
     }
-    // A binary trace logged before its text was known is resolved now if possible.
+    // A binary trace logged before its text was known is resolved now if possible; the message
+    // itself stays as read.
     const std::string current = GetFormattedMessage();
-    std::string resolved = current;
-    TraceParameter::ParseFailedBinaryTrace(resolved, current.c_str());
-    if (resolved != current)
-        SetFormattedMessage(resolved);
+    TraceParameter::ParseFailedBinaryTrace(m_formattedMessage, current.c_str());
 }
 
 bool Trace::operator==(const Trace& other) const {
