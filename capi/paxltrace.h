@@ -124,7 +124,9 @@ PAXLTRACE_API unsigned trace_engine_get_module_id(TraceEngine* engine);
 /*
  * Writes one trace without testing the filter word. With text null the entry carries
  * binaryTextId instead. String parameters too long for one entry are shortened in place.
- * Returns 0, or 4 for an engine that was not created.
+ * Returns 0, or 4 for an engine that was not created, or 5 (TRACE_ENGINE_BUFFER_ERROR) when the
+ * engine's buffer has been unregistered: the trace is dropped, and the first such write is
+ * reported to the event log. The engine and its filter word stay valid until it is destroyed.
  */
 PAXLTRACE_API int trace_engine_write(TraceEngine* engine, const char* file, unsigned line,
                                      unsigned severityWord, const char* text, unsigned long long binaryTextId,

@@ -97,8 +97,9 @@ std::string ExecutableNameFromPath(std::string_view path) {
 }  // namespace Internal
 
 TraceConfigurationPrivate& TraceConfigurationPrivate::GetInstance() {
-    static TraceConfigurationPrivate instance;
-    return instance;
+    // Never destroyed: everything that runs at exit still reads it.
+    static TraceConfigurationPrivate* const instance = new TraceConfigurationPrivate;
+    return *instance;
 }
 
 TraceConfigurationPrivate::TraceConfigurationPrivate()

@@ -21,6 +21,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <unordered_map>
 #include <unordered_set>
 #include <utility>
 #include <vector>
@@ -52,6 +53,7 @@ public:
         NoFreeItem = 6,
     };
 
+    // The registry of this process's runtime, made with it on first use and never destroyed.
     static TraceRegistry& GetInstance();
 
     // The buffer of this process with this subsystem name on this host, created and registered
@@ -69,8 +71,15 @@ public:
                                       uint32_t maxModules, uint32_t streamSize,
                                       TraceBuffer::ErrorType* error = nullptr);
     // Only buffers that registration created here; the object is destroyed once the listeners
-    // have been told. Waits while the buffer is younger than the configured close wait.
+    // have been told. Waits while the buffer is younger than the configured close wait. A buffer
+    // that engines still hold stays mapped until the last of them is gone, but its stream drops
+    // (and reports) every further write.
     ErrorType UnregisterBuffer(TraceBuffer* buffer);
+    // An engine's hold on a buffer that registration created here; false when it is not one.
+    bool AddEngine(TraceBuffer* buffer);
+    void RemoveEngine(TraceBuffer* buffer);
+    // At exit: no more registrations or attachments; what exists stays as it is.
+    void ShutDown() { m_shutDown.store(true, std::memory_order_seq_cst); }
 
     // Null when absent. The pointers stay valid until the buffer leaves its map.
     TraceBuffer* GetProducerBuffer(int32_t bufferID);
@@ -165,6 +174,8 @@ private:
     friend class TraceRegistryTestAccess;
     // Takes m_mutex before its own mutex.
     friend class TraceRegistryUpdater;
+    // Makes the one registry, and never destroys it.
+    friend class TraceRuntime;
 
     // FNV-1a 64 over the bytes of the object's address.
     struct BufferAddressHash {
@@ -190,7 +201,7 @@ private:
     class BlockLock;
 
     TraceRegistry();
-    ~TraceRegistry();
+    ~TraceRegistry() = delete;
 
     static void GetSHMName(std::string& out, bool global);
     static void GetSemaphoreName(std::string& out);
@@ -262,6 +273,7 @@ private:
 
     // Recursive: listeners and buffers may call back into the registry on the same thread.
     mutable std::recursive_mutex m_mutex;
+    std::atomic<bool> m_shutDown{false};
     // 1 when buffers were registered that the next registry update must announce.
     std::atomic<uint32_t> m_updateNeeded{0};
 
@@ -270,6 +282,9 @@ private:
     BufferMap m_consumerBuffers;
     // The buffers registration created; UnregisterBuffer accepts only these.
     std::unordered_set<const TraceBuffer*, BufferAddressHash> m_createdBuffers;
+    // Engines per buffer, and the unregistered buffers that engines still hold.
+    std::unordered_map<const TraceBuffer*, unsigned> m_engineCounts;
+    std::vector<std::unique_ptr<TraceBuffer>> m_retiredBuffers;
     int32_t m_lastAssignedBufferID = -1;
     // Registered while the update manager runs, waiting for the next update to announce them.
     std::unordered_set<int> m_buffersToAnnounce;

@@ -4,8 +4,6 @@
 #include <cstdio>
 #include <cstring>
 
-#include "Trace/Registry/TraceRegistry.h"
-
 namespace Tracing {
 namespace {
 
@@ -13,10 +11,6 @@ constexpr uint64_t UnitsPerSecond = 10000000;
 
 // Resolution of OPTIMAL timestamps in Format; PRECISE until someone chooses otherwise.
 std::atomic<uint32_t> optimalFormatMode{TimestampMode::PRECISE};
-
-// Set while this thread binds the timer to the registry, so that a timestamp taken during the
-// registry's own set-up uses the local reference instead of recursing into it.
-thread_local bool bindingInProgress = false;
 
 // counter ticks -> 100 ns units without overflowing for long intervals.
 int64_t CounterToUnits(int64_t ticks, int64_t frequency) {
@@ -40,6 +34,7 @@ TraceTimer& TraceTimer::GetInstance() {
 
 TraceTimer::TraceTimer() {
     TraceRegistryData::Create(m_localBlock, m_localStorage, sizeof m_localStorage);
+    m_reference.store(m_localBlock, std::memory_order_release);
     // The precise system clock exists on every system this library supports; the counter path
     // stays for systems without it.
     m_hasPreciseClock = true;
@@ -51,20 +46,8 @@ void TraceTimer::BindReference(TraceRegistryData* block) {
     m_reference.store(block != nullptr ? block : m_localBlock, std::memory_order_release);
 }
 
-TraceRegistryData* TraceTimer::BindRegistry() {
-    if (!bindingInProgress) {
-        bindingInProgress = true;
-        // The registry binds the timer to its block (or to none) while it sets itself up.
-        TraceRegistry::GetInstance();
-        bindingInProgress = false;
-    }
-    TraceRegistryData* block = m_reference.load(std::memory_order_acquire);
-    return block != nullptr ? block : m_localBlock;
-}
-
 TraceRegistryData& TraceTimer::CurrentBlock() {
-    TraceRegistryData* block = m_reference.load(std::memory_order_acquire);
-    return block != nullptr ? *block : *BindRegistry();
+    return *m_reference.load(std::memory_order_acquire);
 }
 
 void TraceTimer::WriteReference(TraceRegistryData& block, const uint64_t* staleTime) const {

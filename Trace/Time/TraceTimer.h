@@ -72,17 +72,12 @@ private:
 
     TraceTimer();
 
-    // The registry block carries the shared reference; null makes the timer use a reference of its
-    // own (this process has no registry, or the registry is going away).
+    // The registry hands over its block, which carries the shared reference; null makes the timer
+    // use a reference of its own (this process has no registry).
     void BindReference(TraceRegistryData* block);
     ~TraceTimer() = delete;
 
-    uint64_t GetFastTimestamp() {
-        TraceRegistryData* block = m_reference.load(std::memory_order_acquire);
-        if (block == nullptr) [[unlikely]]
-            block = BindRegistry();
-        return FastTimestamp(*block);
-    }
+    uint64_t GetFastTimestamp() { return FastTimestamp(*m_reference.load(std::memory_order_acquire)); }
 
     uint64_t GetPreciseTimestamp() {
         if (m_hasPreciseClock) [[likely]]
@@ -107,14 +102,13 @@ private:
 
     [[gnu::cold]] uint64_t RenewAndGetFastTimestamp(TraceRegistryData& block, uint64_t staleTime);
     [[gnu::cold]] uint64_t GetCounterTimestamp();
-    [[gnu::cold]] TraceRegistryData* BindRegistry();
     TraceRegistryData& CurrentBlock();
     // Writes a reference from fresh clock reads while holding the block's update indicator; nothing
     // when another writer holds it, or when staleTime is given and the reference has moved on from
     // it (someone else renewed it first).
     void WriteReference(TraceRegistryData& block, const uint64_t* staleTime) const;
 
-    // Null until bound: the registry block, or the local block when there is no registry.
+    // The registry block once the registry binds it, the local block until then.
     std::atomic<TraceRegistryData*> m_reference{nullptr};
     // Stands in for the registry block when this process has none.
     alignas(TraceRegistryData) unsigned char m_localStorage[TraceRegistryData::GetSize(1)];
