@@ -102,7 +102,9 @@ PAXLTRACE_CHILD_ROLE(DetachedWriter) {
     return 0;
 }
 
+// Unregisters the buffer of a new engine, then uses the engine: text writes first, or binary ones.
 PAXLTRACE_CHILD_ROLE(WriteAfterUnregister) {
+    const bool binaryFirst = args.at(0) == "binary";
     std::vector<Platform::EventLogEntry> reports;
     Platform::SetEventLogSink([&](const Platform::EventLogEntry& entry) { reports.push_back(entry); });
     Producer producer;
@@ -113,22 +115,27 @@ PAXLTRACE_CHILD_ROLE(WriteAfterUnregister) {
         registry.GetProducerBuffer(static_cast<int32_t>(trace_engine_get_buffer_id(producer.engine)));
     if (buffer == nullptr || registry.UnregisterBuffer(buffer) != TraceRegistry::Done)
         return 3;
+    const auto binary = [&] {
+        return trace_engine_write(producer.engine, nullptr, 0, 4, nullptr, 4711, 0, nullptr);
+    };
+    const auto text = [&] { return producer.Trace("lost %1"); };
     int failures = 0;
     for (int i = 0; i < 3; ++i) {
-        failures += producer.Trace("lost %1") != TRACE_ENGINE_BUFFER_ERROR;
-        failures += trace_engine_write(producer.engine, nullptr, 0, 4, nullptr, 4711, 0, nullptr) !=
-                    TRACE_ENGINE_BUFFER_ERROR;
+        failures += (binaryFirst ? binary() : text()) != TRACE_ENGINE_BUFFER_ERROR;
+        failures += (binaryFirst ? text() : binary()) != TRACE_ENGINE_BUFFER_ERROR;
         producer.Touch();
     }
     if (failures != 0)
         return 4;
-    // Once, with the text of the first lost trace, and the engine still goes away cleanly.
     trace_engine_destroy(producer.engine);
     Platform::SetEventLogSink({});
-    if (reports.size() != 1 || reports[0].source != "TraceStream" ||
-        reports[0].message != "Failed to write trace message to stream. Object is already deleted.\nlost %1")
+    // Once, for the first lost trace.
+    const char* expected =
+        binaryFirst ? "Failed to write binary trace message (4711) to stream. Object is already deleted."
+                    : "Failed to write trace message to stream. Object is already deleted.\nlost %1";
+    if (reports.size() != 1 || reports[0].source != "TraceStream" || reports[0].message != expected)
         return 5;
-    // The name is free again for a new buffer.
+    // With its last engine gone the buffer is too: the name is free for a new one.
     Producer again;
     return again.Create("Gone") && again.Trace("back %1") == TRACE_ENGINE_OK ? 0 : 6;
 }
@@ -139,8 +146,8 @@ TEST(Lifetime, ExitAndUnregisterEndNormally) {
         const char* role;
         std::vector<std::string> args;
     };
-    for (const Case& c :
-         {Case{"TraceFromAtExit", {marker}}, Case{"GlobalReader", {}}, Case{"WriteAfterUnregister", {}}}) {
+    for (const Case& c : {Case{"TraceFromAtExit", {marker}}, Case{"GlobalReader", {}},
+                          Case{"WriteAfterUnregister", {"text"}}, Case{"WriteAfterUnregister", {"binary"}}}) {
         EXPECT_EQ(Tracing::Test::WaitChild(Tracing::Test::SpawnChild(c.role, c.args)), 0) << c.role;
     }
     EXPECT_TRUE(std::filesystem::exists(marker)) << "the atexit handler traced";
