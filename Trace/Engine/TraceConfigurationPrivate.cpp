@@ -52,10 +52,13 @@ std::map<std::string, std::string> ReadConfigurationFile(const std::string& path
     return Internal::ParseConfigurationText(text.str());
 }
 
+std::atomic<void (*)()> namesChangedHandler{nullptr};
+
 // Buffers created before a name change carry the new name from now on. Before the registry
 // exists there are none, and a name set that early must not make it with the default size.
 void PropagateNames() {
-    TraceRegistry::UpdateNamesOfAllCreatedBuffersIfCreated();
+    if (void (*handler)() = namesChangedHandler.load(std::memory_order_acquire))
+        handler();
 }
 
 }  // namespace
@@ -207,6 +210,10 @@ void TraceConfigurationPrivate::SetMaxNumberOfBuffers(unsigned count) {
 
 void TraceConfigurationPrivate::SetMaxNumberOfModules(unsigned count) {
     m_maxNumberOfModules.store(count != 0 ? count : DefaultMaxNumberOfModules, std::memory_order_relaxed);
+}
+
+void TraceConfigurationPrivate::SetNamesChangedHandler(void (*handler)()) {
+    namesChangedHandler.store(handler, std::memory_order_release);
 }
 
 bool TraceConfigurationPrivate::IsService() {

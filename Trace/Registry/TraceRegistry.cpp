@@ -167,6 +167,8 @@ TraceRegistry::TraceRegistry()
     : m_registryMemory(std::make_unique<TraceSharedMemory>()),
       m_serviceMemory(std::make_unique<TraceSharedMemory>()) {
     s_instance.store(this, std::memory_order_seq_cst);
+    TraceConfigurationPrivate::SetNamesChangedHandler(
+        &TraceRegistry::UpdateNamesOfAllCreatedBuffersIfCreated);
 }
 
 void TraceRegistry::GetSHMName(std::string& out, bool global) {
