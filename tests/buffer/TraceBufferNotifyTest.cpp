@@ -19,13 +19,14 @@ namespace {
 // Records every call; the updater thread and the test thread both touch it.
 class Recorder : public ITraceBufferDataChangedListener, public INewTracesListener {
 public:
-    void OnSystemNameChanged(TraceBuffer&, const std::string&, const std::string& newName) override {
-        Add("system " + newName);
+    void OnSystemNameChanged(TraceBuffer&, const std::string& old, const std::string& name) override {
+        Add("system " + old + ">" + name);
     }
-    void OnModulesCreated(TraceBuffer&, const std::set<int>& ids) override { Add("created " + Ids(ids)); }
-    void OnModuleFiltersChanged(TraceBuffer&, const std::set<int>& ids) override {
-        Add("filters " + Ids(ids));
+    void OnApplicationNameChanged(TraceBuffer&, const std::string& old, const std::string& name) override {
+        Add("application " + old + ">" + name);
     }
+    void OnModulesCreated(TraceBuffer&, const std::set<int>& ids) override { Add("created ", ids); }
+    void OnModuleFiltersChanged(TraceBuffer&, const std::set<int>& ids) override { Add("filters ", ids); }
     void OnFlagsRegistered(TraceBuffer&, int id, unsigned flags) override {
         Add("flags " + std::to_string(id) + ":" + std::to_string(flags));
     }
@@ -41,13 +42,9 @@ public:
     }
 
 private:
-    static std::string Ids(const std::set<int>& ids) {
-        std::string text;
+    void Add(std::string call, const std::set<int>& ids = {}) {
         for (int id : ids)
-            text += std::to_string(id) + ",";
-        return text;
-    }
-    void Add(const std::string& call) {
+            call += std::to_string(id) + ",";
         std::lock_guard lock(m_mutex);
         m_calls.push_back(call);
     }
@@ -85,13 +82,17 @@ struct Producer {
 
 }  // namespace
 
-PAXLTRACE_CHILD_ROLE(ChangeFilter) {
+PAXLTRACE_CHILD_ROLE(ChangeFromOutside) {
     TraceBuffer buffer;
     if (buffer.Attach(std::stoi(args.at(0)), std::stoll(args.at(1)), "", "Notify") != TraceBuffer::Success)
         return 2;
     if (buffer.RegisterModule("third", Severity::Info) == nullptr)
         return 3;
-    return buffer.SetSeverity(std::stoi(args.at(2)), Severity::Debug) ? 0 : 4;
+    buffer.SetSystemName("Sys2");
+    buffer.SetApplicationName("App2");
+    const int32_t second = std::stoi(args.at(2));
+    return buffer.SetSeverity(second, Severity::Debug) && buffer.RegisterFlag(second, "IO", false) == 4 ? 0
+                                                                                                        : 4;
 }
 
 TEST(TraceBufferNotify, ChangesOfAnotherProcessAreReportedOnce) {
@@ -103,14 +104,16 @@ TEST(TraceBufferNotify, ChangesOfAnotherProcessAreReportedOnce) {
         // Our own registration finds the child's module first; it must still be reported.
         TraceBufferUpdateSuspender suspender(producer.buffer);
         const pid_t child = Tracing::Test::SpawnChild(
-            "ChangeFilter", {"70", std::to_string(getpid()), std::to_string(producer.second)});
+            "ChangeFromOutside", {"70", std::to_string(getpid()), std::to_string(producer.second)});
         ASSERT_EQ(Tracing::Test::WaitChild(child), 0);
         ASSERT_NE(producer.buffer.RegisterModule("fourth", Severity::Info), nullptr);
     }
     Poll();
     const int32_t third = producer.buffer.GetModuleID("third");
-    EXPECT_EQ(recorder.Calls(), (Calls{"created " + std::to_string(third) + ",",
-                                       "filters " + std::to_string(producer.second) + ","}));
+    const std::string second = std::to_string(producer.second);
+    EXPECT_EQ(recorder.Calls(),
+              (Calls{"system System>Sys2", "application App>App2", "created " + std::to_string(third) + ",",
+                     "filters " + second + ",", "flags " + second + ":16"}));
     producer.buffer.UnregisterDataChangedListener(&recorder);
 }
 
@@ -128,7 +131,9 @@ TEST(TraceBufferNotify, OwnChangesAndSuspensionRunNoFullUpdate) {
     EXPECT_NE(producer.buffer.RegisterFlag(producer.second, "IO", true), 0);
     producer.buffer.SetApplicationName("Renamed");
     Poll();
-    EXPECT_EQ(recorder.Calls(), Calls{}) << "own changes ran a full update";
+    // The rename is told at once; a full update would tell of the hidden slot too.
+    EXPECT_EQ(recorder.Calls(), Calls{"application App>Renamed"}) << "own changes ran a full update";
+    recorder.Clear();
 
     {
         TraceBufferUpdateSuspender suspender(producer.buffer);

@@ -56,14 +56,11 @@ std::vector<std::unique_ptr<Tracing::Trace>> ReadAll(const paxl::Engine& engine)
     Tracing::TraceBuffer* buffer =
         Tracing::TraceRegistry::GetInstance().GetProducerBuffer(static_cast<int32_t>(engine.bufferId()));
     std::vector<std::unique_ptr<Tracing::Trace>> traces;
-    if (buffer == nullptr)
-        return traces;
     Tracing::TraceReaderInfo cursor;
     cursor.AttachBuffer = true;
-    if (buffer->ConnectReader(cursor, 0) != Tracing::TraceStream::Ok)
-        return traces;
     bool overflow = false;
-    buffer->Read(cursor, traces, overflow, 0);
+    if (buffer != nullptr && buffer->ConnectReader(cursor, 0) == Tracing::TraceStream::Ok)
+        buffer->Read(cursor, traces, overflow, 0);
     return traces;
 }
 

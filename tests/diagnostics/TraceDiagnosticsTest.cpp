@@ -39,14 +39,18 @@ using namespace Tracing::Test;
 
 namespace {
 
+using Traces = std::vector<std::unique_ptr<Trace>>;
+
 std::string TempPath(const std::string& what) {
     return "/tmp/paxl-diag-" + what + "-" + std::to_string(getpid()) + ".txt";
 }
 
-std::string ReadFile(const std::string& path) {
-    std::ifstream in(path);
+// The file's content; it is removed after reading when `remove` is set.
+std::string ReadFile(const std::string& path, bool remove = false) {
     std::stringstream content;
-    content << in.rdbuf();
+    content << std::ifstream(path).rdbuf();
+    if (remove)
+        std::remove(path.c_str());
     return content.str();
 }
 
@@ -58,18 +62,12 @@ size_t LineCount(const std::string& text) {
     return static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
 }
 
-void SetOrUnset(const char* name, const char* value) {
-    if (value != nullptr)
-        setenv(name, value, 1);
-    else
-        unsetenv(name);
-}
-
-// The child gets these variables; the parent keeps none of them.
+// Runs `role` in a child that alone gets TRACE_DIAG=diag (unset when null) and TRACE_DIAG_FILE=file.
 int RunChild(const char* diag, const std::string& file, const std::string& role,
              const std::vector<std::string>& args = {}) {
-    SetOrUnset("TRACE_DIAG", diag);
-    SetOrUnset("TRACE_DIAG_FILE", file.empty() ? nullptr : file.c_str());
+    std::remove(file.c_str());
+    diag != nullptr ? setenv("TRACE_DIAG", diag, 1) : unsetenv("TRACE_DIAG");
+    file.empty() ? unsetenv("TRACE_DIAG_FILE") : setenv("TRACE_DIAG_FILE", file.c_str(), 1);
     const pid_t child = SpawnChild(role, args);
     unsetenv("TRACE_DIAG");
     unsetenv("TRACE_DIAG_FILE");
@@ -90,9 +88,7 @@ public:
         std::fflush(stderr);
         dup2(m_saved, 2);
         close(m_saved);
-        const std::string text = ReadFile(m_path);
-        std::remove(m_path.c_str());
-        return text;
+        return ReadFile(m_path, true);
     }
 
 private:
@@ -101,17 +97,16 @@ private:
 };
 
 TraceBuffer* CoreBuffer() {
-    TraceRegistry& registry = TraceRegistry::GetInstance();
-    return registry.GetProducerBuffer(
+    return TraceRegistry::GetInstance().GetProducerBuffer(
         static_cast<int32_t>(trace_engine_get_buffer_id(TraceRegistry::GetEngine())));
 }
 
 // Every trace of the "Tracing" module in the buffer, oldest first.
-std::vector<std::unique_ptr<Trace>> DiagnosticTraces(TraceBuffer& core) {
+Traces DiagnosticTraces(TraceBuffer& core) {
     const int32_t module = core.GetModuleID("Tracing");
     TraceReaderInfo cursor;
     cursor.AttachBuffer = true;
-    std::vector<std::unique_ptr<Trace>> traces;
+    Traces traces;
     bool overflow = false;
     if (core.ConnectReader(cursor, 0) == TraceStream::Ok)
         core.Read(cursor, traces, overflow, 0);
@@ -119,16 +114,17 @@ std::vector<std::unique_ptr<Trace>> DiagnosticTraces(TraceBuffer& core) {
     return traces;
 }
 
-const Trace* Find(const std::vector<std::unique_ptr<Trace>>& traces, const std::string& text) {
+// The severity mask of the trace with this text, or 0 without one.
+uint32_t MaskOf(const Traces& traces, const std::string& text) {
     for (const auto& trace : traces) {
         if (trace->GetFormattedMessage() == text)
-            return trace.get();
+            return trace->GetSeverityMask();
     }
-    return nullptr;
+    return 0;
 }
 
 // The count of the lost-items report, or -1 without one.
-long LostCount(const std::vector<std::unique_ptr<Trace>>& traces) {
+long LostCount(const Traces& traces) {
     for (const auto& trace : traces) {
         const std::string& text = trace->GetFormattedMessage();
         if (Contains(text, " diagnostic items were lost before the diagnostics were initialised."))
@@ -137,7 +133,7 @@ long LostCount(const std::vector<std::unique_ptr<Trace>>& traces) {
     return -1;
 }
 
-uint32_t Word(DiagnosticCategory::Value category, Severity::Type severity) {
+constexpr uint32_t Word(DiagnosticCategory::Value category, Severity::Type severity) {
     return static_cast<uint32_t>(category) | static_cast<uint32_t>(severity);
 }
 
@@ -163,12 +159,11 @@ PAXLTRACE_CHILD_ROLE(SwitchedOff) {
     const int created = trace_engine_create("App", "Mod", 0, 0, false, &engine, nullptr);
     anyActive = anyActive || ReportAll("after");
     TraceBuffer* core = CoreBuffer();
-    const std::string printed = capture.Restore();
+    CHILD_CHECK(capture.Restore().empty());
     CHILD_CHECK(!anyActive);
     CHILD_CHECK(created == TRACE_ENGINE_OK);
     // No engine is made at all.
     CHILD_CHECK(core != nullptr && core->GetModuleID("Tracing") < 0);
-    CHILD_CHECK(printed.empty());
     trace_engine_destroy(engine);
     return 0;
 }
@@ -176,10 +171,9 @@ PAXLTRACE_CHILD_ROLE(SwitchedOff) {
 TEST(TraceDiagnostics, SwitchedOffUnlessOneOrTwo) {
     const std::string file = TempPath("off");
     for (const char* value : {static_cast<const char*>(nullptr), "0", "3", "junk", ""}) {
-        std::remove(file.c_str());
-        EXPECT_EQ(RunChild(value, file, "SwitchedOff"), 0) << (value != nullptr ? value : "unset");
-        EXPECT_NE(access(file.c_str(), F_OK), 0)
-            << "file written with TRACE_DIAG=" << (value ? value : "unset");
+        const char* shown = value != nullptr ? value : "unset";
+        EXPECT_EQ(RunChild(value, file, "SwitchedOff"), 0) << shown;
+        EXPECT_NE(access(file.c_str(), F_OK), 0) << "file written with TRACE_DIAG=" << shown;
     }
     std::remove(file.c_str());
 }
@@ -187,7 +181,6 @@ TEST(TraceDiagnostics, SwitchedOffUnlessOneOrTwo) {
 // Reports before the registry exists are kept (100 of them) and replayed; then the engine's filter
 // word decides.
 PAXLTRACE_CHILD_ROLE(KeptReplayedAndFiltered) {
-    const std::string file = std::getenv("TRACE_DIAG_FILE");
     TraceDiagnostics& diagnostics = TraceDiagnostics::GetInstance();
     CHILD_CHECK(TraceDiagnostics::IsActive(DiagnosticCategory::General));
     CHILD_CHECK(TraceDiagnostics::IsActive(DiagnosticCategory::Profile));
@@ -203,24 +196,21 @@ PAXLTRACE_CHILD_ROLE(KeptReplayedAndFiltered) {
     const char* const names[] = {"General",    "Buffer",    "Reader", "Notify",
                                  "Connection", "Heartbeat", "Profile"};
     CHILD_CHECK(module.Flags.size() == 7);
-    for (unsigned i = 0; i < 7; ++i) {
-        CHILD_CHECK(module.Flags[i].BitNo == 4 + i);
-        CHILD_CHECK(module.Flags[i].Name == names[i]);
-        CHILD_CHECK(module.Flags[i].Active == (i != 5));
-    }
+    for (unsigned i = 0; i < 7; ++i)
+        CHILD_CHECK(module.Flags[i].BitNo == 4 + i && module.Flags[i].Name == names[i] &&
+                    module.Flags[i].Active == (i != 5));
 
-    auto traces = DiagnosticTraces(*core);
+    Traces traces = DiagnosticTraces(*core);
     CHILD_CHECK(traces.size() > 100);
-    for (int i = 0; i < 100; ++i) {
-        CHILD_CHECK(traces[i]->GetFormattedMessage() == "early " + std::to_string(i));
-        CHILD_CHECK(traces[i]->GetSeverityMask() == Word(DiagnosticCategory::General, Severity::Info));
-        CHILD_CHECK(traces[i]->GetThreadID() == trace_current_thread_id());
-    }
+    for (int i = 0; i < 100; ++i)
+        CHILD_CHECK(traces[i]->GetFormattedMessage() == "early " + std::to_string(i) &&
+                    traces[i]->GetSeverityMask() == Word(DiagnosticCategory::General, Severity::Info) &&
+                    traces[i]->GetThreadID() == trace_current_thread_id());
     // Our last 50 and the warning at least, and never more than went into the file before it.
     const long lost = LostCount(traces);
     CHILD_CHECK(lost >= 51);
-    CHILD_CHECK(static_cast<size_t>(lost) + 100 <= LineCount(ReadFile(file)));
-    CHILD_CHECK(Find(traces, "early warning") == nullptr);
+    CHILD_CHECK(static_cast<size_t>(lost) + 100 <= LineCount(ReadFile(std::getenv("TRACE_DIAG_FILE"))));
+    CHILD_CHECK(MaskOf(traces, "early warning") == 0);
 
     diagnostics.Report(DiagnosticCategory::Buffer, Severity::Verbose,
                        TraceMessage("live %1 of %2").Add(7).Add("seven"));
@@ -238,19 +228,14 @@ PAXLTRACE_CHILD_ROLE(KeptReplayedAndFiltered) {
     diagnostics.Warning(TraceMessage("warning without flags"));
 
     traces = DiagnosticTraces(*core);
-    const Trace* live = Find(traces, "live 7 of seven");
-    CHILD_CHECK(live != nullptr);
-    CHILD_CHECK(live->GetSeverityMask() == Word(DiagnosticCategory::Buffer, Severity::Verbose));
+    CHILD_CHECK(MaskOf(traces, "live 7 of seven") == Word(DiagnosticCategory::Buffer, Severity::Verbose));
+    CHILD_CHECK(MaskOf(traces, "live warning") == Severity::Warning);
+    CHILD_CHECK(MaskOf(traces, "beat 2") == Word(DiagnosticCategory::Heartbeat, Severity::Info));
+    CHILD_CHECK(MaskOf(traces, "warning without flags") == Severity::Warning);
+    CHILD_CHECK(MaskOf(traces, "beat 1") == 0 && MaskOf(traces, "silenced") == 0);
     // Sent with its parameters, not as a flattened text.
-    CHILD_CHECK(live->GetMessageString() == "live %1 of %2");
-    const Trace* warning = Find(traces, "live warning");
-    CHILD_CHECK(warning != nullptr && warning->GetSeverityMask() == Severity::Warning);
-    const Trace* beat = Find(traces, "beat 2");
-    CHILD_CHECK(beat != nullptr &&
-                beat->GetSeverityMask() == Word(DiagnosticCategory::Heartbeat, Severity::Info));
-    CHILD_CHECK(Find(traces, "beat 1") == nullptr);
-    CHILD_CHECK(Find(traces, "silenced") == nullptr);
-    CHILD_CHECK(Find(traces, "warning without flags") != nullptr);
+    CHILD_CHECK(std::any_of(traces.begin(), traces.end(),
+                            [](const auto& t) { return t->GetMessageString() == "live %1 of %2"; }));
     return 0;
 }
 
@@ -293,7 +278,7 @@ PAXLTRACE_CHILD_ROLE(ConcurrentReports) {
     for (int count : made)
         total += count;
 
-    const auto traces = DiagnosticTraces(*core);
+    const Traces traces = DiagnosticTraces(*core);
     int seen = 0;
     int next[Threads] = {};
     for (const auto& trace : traces) {
@@ -305,8 +290,7 @@ PAXLTRACE_CHILD_ROLE(ConcurrentReports) {
         next[t] = i + 1;
         ++seen;
     }
-    const long lost = LostCount(traces);
-    CHILD_CHECK(seen + std::max(lost, 0L) >= total);
+    CHILD_CHECK(seen + std::max(LostCount(traces), 0L) >= total);
     CHILD_CHECK(seen >= Threads * AfterReady);
     CHILD_CHECK(LineCount(ReadFile(std::getenv("TRACE_DIAG_FILE"))) >= static_cast<size_t>(total));
     return 0;
@@ -314,21 +298,15 @@ PAXLTRACE_CHILD_ROLE(ConcurrentReports) {
 
 TEST(TraceDiagnostics, EarlyReportsAreKeptOrCountedAndTheFilterWordDecides) {
     const std::string file = TempPath("on");
-    std::remove(file.c_str());
     EXPECT_EQ(RunChild("1", file, "KeptReplayedAndFiltered"), 0);
-    const std::string text = ReadFile(file);
-    std::remove(file.c_str());
+    const std::string text = ReadFile(file, true);
     // Every report reaches the file when it is made, kept or not.
-    EXPECT_TRUE(Contains(text, ") [General] Info: early 0\n")) << text;
-    EXPECT_TRUE(Contains(text, ") [General] Info: early 149\n"));
-    EXPECT_TRUE(Contains(text, ") [Warning] Warning: early warning\n"));
-    EXPECT_TRUE(Contains(text, ") [Buffer] Verbose: live 7 of seven\n"));
-    EXPECT_TRUE(Contains(text, ") [Heartbeat] Info: beat 2\n"));
-    EXPECT_FALSE(Contains(text, "beat 1"));
-    EXPECT_FALSE(Contains(text, "silenced"));
-    EXPECT_TRUE(Contains(text, "PAXLtrace ("));
+    for (const char* line : {") [General] Info: early 0\n", ") [General] Info: early 149\n",
+                             ") [Warning] Warning: early warning\n", ") [Buffer] Verbose: live 7 of seven\n",
+                             ") [Heartbeat] Info: beat 2\n", "PAXLtrace ("})
+        EXPECT_TRUE(Contains(text, line)) << line << text;
+    EXPECT_FALSE(Contains(text, "beat 1") || Contains(text, "silenced"));
 
-    // Threads reporting while the registry sets itself up: nothing lost uncounted or reordered.
     EXPECT_EQ(RunChild("2", file, "ConcurrentReports"), 0);
     std::remove(file.c_str());
 }
@@ -342,15 +320,13 @@ PAXLTRACE_CHILD_ROLE(Console) {
                                            TraceMessage("console %1").Add(1));
     const std::string printed = capture.Restore();
     CHILD_CHECK(core != nullptr);
-    const auto traces = DiagnosticTraces(*core);
-    CHILD_CHECK(Find(traces, "console 1") != nullptr);
+    const Traces traces = DiagnosticTraces(*core);
+    CHILD_CHECK(MaskOf(traces, "console 1") != 0);
     // Reported while the diagnostics made their own engine, and kept for it.
-    CHILD_CHECK(Find(traces, "Engine successfully created: 'Core.Tracing' (Trace location: false).") !=
-                nullptr);
+    CHILD_CHECK(MaskOf(traces, "Engine successfully created: 'Core.Tracing' (Trace location: false).") != 0);
     CHILD_CHECK(LostCount(traces) == -1);
     const std::string line = "PAXLtrace (" + std::to_string(getpid()) + ") [Profile] Error: console 1\n";
-    CHILD_CHECK(Contains(printed, line) == expectLines);
-    CHILD_CHECK(expectLines || printed.empty());
+    CHILD_CHECK(expectLines ? Contains(printed, line) : printed.empty());
     return 0;
 }
 
@@ -375,10 +351,8 @@ TEST(TraceDiagnostics, ConsoleLinesAndReportsAtExit) {
     EXPECT_EQ(RunChild("1", "", "Console", {"none"}), 0);
 
     const std::string file = TempPath("exit");
-    std::remove(file.c_str());
     EXPECT_EQ(RunChild("1", file, "ReportsAtExit"), 0);
-    const std::string text = ReadFile(file);
-    std::remove(file.c_str());
+    const std::string text = ReadFile(file, true);
     EXPECT_TRUE(Contains(text, ") [Buffer] Info: after the registry\n")) << text;
     EXPECT_TRUE(Contains(text, ") [Warning] Warning: warning after the registry\n"));
 

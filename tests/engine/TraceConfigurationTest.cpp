@@ -7,7 +7,6 @@
 #include <map>
 #include <memory>
 #include <sstream>
-#include <stdexcept>
 
 #include "TestSupport.h"
 #include "Trace/Engine/TraceConfigurationPrivate.h"
@@ -19,31 +18,23 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// A private directory for configuration files, removed with everything in it.
-class TempDir {
-public:
-    TempDir() {
-        std::string pattern = (fs::temp_directory_path() / "paxlconfXXXXXX").string();
-        // Never fall back to the working directory: the real test binaries live there.
-        if (::mkdtemp(pattern.data()) == nullptr)
-            throw std::runtime_error("mkdtemp failed");
-        m_path = pattern;
-    }
+// A private directory for configuration files, removed with everything in it. Never the working
+// directory: the real test binaries live there.
+struct TempDir {
+    fs::path path = fs::temp_directory_path() / ("paxlconf-" + std::to_string(getpid()) + "-" +
+                                                 std::to_string(reinterpret_cast<uintptr_t>(this)));
+    TempDir() { fs::create_directory(path); }
     ~TempDir() {
         std::error_code ignored;
-        fs::remove_all(m_path, ignored);
+        fs::remove_all(path, ignored);
     }
-    const fs::path& Path() const { return m_path; }
-
-private:
-    fs::path m_path;
 };
 
 using Environment = std::map<std::string, std::string>;
 
 std::unique_ptr<TraceConfigurationPrivate> Load(const Environment& environment, const std::string& fileText) {
     TempDir dir;
-    const fs::path file = dir.Path() / "paxltrace.conf";
+    const fs::path file = dir.path / "paxltrace.conf";
     std::ofstream(file) << fileText;
     return std::make_unique<TraceConfigurationPrivate>(
         [&](const char* name) -> const char* {
@@ -154,14 +145,18 @@ TEST(TraceConfigurationSetters, InitializeOnceKeepsAnEarlierSystemNameAndTakesMo
 }
 
 TEST(TraceConfigurationSetters, CApiZeroSizesStoreDefaultsAndNamesAreCutAt32) {
-    trace_config_set_max_modules(0);
-    EXPECT_EQ(trace_config_get_max_modules(), 20u);
-    trace_config_set_stream_size(0);
-    EXPECT_EQ(trace_config_get_stream_size(), 1048576u);
-    trace_config_set_max_buffers(0);
-    EXPECT_EQ(trace_config_get_max_buffers(), 1000u);
-    trace_config_set_buffer_close_wait_ms(0);
-    EXPECT_EQ(trace_config_get_buffer_close_wait_ms(), 0u) << "zero is a valid wait";
+    const struct {
+        void (*set)(unsigned);
+        unsigned (*get)();
+        unsigned stored;
+    } zeroes[] = {{trace_config_set_max_modules, trace_config_get_max_modules, 20},
+                  {trace_config_set_stream_size, trace_config_get_stream_size, 1048576},
+                  {trace_config_set_max_buffers, trace_config_get_max_buffers, 1000},
+                  {trace_config_set_buffer_close_wait_ms, trace_config_get_buffer_close_wait_ms, 0}};
+    for (const auto& zero : zeroes) {
+        zero.set(0);
+        EXPECT_EQ(zero.get(), zero.stored);  // zero is a valid wait
+    }
 
     const std::string forty = "0123456789abcdefghijklmnopqrstuvwxyzABCD";
     trace_config_set_application(forty.c_str());
@@ -206,12 +201,12 @@ PAXLTRACE_CHILD_ROLE(ReportConfiguration) {
 
 TEST(TraceConfigurationExecutable, FileBesideTheExecutableIsRead) {
     TempDir dir;
-    const fs::path copy = dir.Path() / "conf.child.bin";
+    const fs::path copy = dir.path / "conf.child.bin";
     fs::copy_file(Tracing::Test::SelfExecutable(), copy);
     fs::permissions(copy, fs::perms::owner_all);
-    std::ofstream(dir.Path() / "paxltrace.conf")
+    std::ofstream(dir.path / "paxltrace.conf")
         << "TRACE_MAX_MODULES = 7\nTRACE_USERGROUP=ops\nTRACE_PREFIX=file\nTRACE_LOCATION=1\n";
-    const fs::path output = dir.Path() / "out.txt";
+    const fs::path output = dir.path / "out.txt";
 
     const pid_t child =
         Tracing::Test::SpawnChildExecutable(copy.string(), "ReportConfiguration", {output.string()});

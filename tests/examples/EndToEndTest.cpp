@@ -2,9 +2,6 @@
 // consumer prints, across overflows, killed producers and filter changes from either side.
 #include <signal.h>
 #include <unistd.h>
-#ifndef _WIN32
-#include <dirent.h>
-#endif
 
 #include <gtest/gtest.h>
 
@@ -12,6 +9,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <mutex>
@@ -47,34 +45,31 @@ struct Row {
 };
 
 std::string ReadFile(const std::string& path) {
-    std::ifstream in(path);
     std::stringstream text;
-    text << in.rdbuf();
+    text << std::ifstream(path).rdbuf();
     return text.str();
 }
 
-// The consumer's CSV output, header skipped; every line must have all 13 columns.
-std::vector<Row> ParseCsv(const std::string& path) {
+// The consumer's CSV output of the subsystems starting with `subsystem`, header skipped; every line
+// must have all 13 columns.
+std::vector<Row> ParseCsv(const std::string& path, const std::string& subsystem) {
     std::ifstream in(path);
     std::vector<Row> rows;
     bool header = true;
     for (std::string line; Internal::ReadCsvLine(in, line), !line.empty() || in.good();) {
+        std::vector<std::string> f;
+        for (const char* cursor = line.c_str(); *cursor != '\0' && f.size() <= 13;)
+            Internal::ReadCsvField(cursor, f.emplace_back(), ';');
+        while (f.size() < 13 && !line.empty() && line.back() == ';')
+            f.emplace_back();  // empty trailing line number
         if (line.empty())
             continue;
-        std::vector<std::string> fields;
-        for (const char* cursor = line.c_str(); *cursor != '\0' && fields.size() <= 13;) {
-            fields.emplace_back();
-            Internal::ReadCsvField(cursor, fields.back(), ';');
-        }
-        while (fields.size() < 13 && line.back() == ';')
-            fields.emplace_back();  // empty trailing line number
-        EXPECT_EQ(fields.size(), 13u) << line;
-        if (fields.size() != 13)
+        EXPECT_EQ(f.size(), 13u) << line;
+        if (f.size() != 13 || std::exchange(header, false))
             continue;
-        if (std::exchange(header, false))
-            continue;
-        rows.push_back({static_cast<unsigned>(std::stoul(fields[0])), fields[4], fields[5], fields[6],
-                        fields[7], fields[10], fields[11], fields[12]});
+        if (f[4].starts_with(subsystem))
+            rows.push_back(
+                {static_cast<unsigned>(std::stoul(f[0])), f[4], f[5], f[6], f[7], f[10], f[11], f[12]});
     }
     return rows;
 }
@@ -123,24 +118,22 @@ protected:
     }
 
     Child Start(const char* executable, const std::vector<std::string>& args,
-                const std::vector<std::string>& extraEnvironment = {}, bool withInput = false) {
-        Child child;
+                const std::vector<std::string>& extraEnvironment = {}) {
         const std::string base = ::testing::TempDir() + "paxltrace_e2e_" + std::to_string(getpid()) + "_" +
                                  std::to_string(m_files.size());
-        child.out = base + ".out";
-        child.err = base + ".err";
+        Child child{-1, -1, base + ".out", base + ".err"};
         m_files.insert(m_files.end(), {child.out, child.err});
-        Tracing::Test::ProcessOptions options{extraEnvironment, child.out, child.err, withInput};
         std::lock_guard lock(m_mutex);
-        child.pid =
-            Tracing::Test::StartProcess(executable, args, options, withInput ? &child.input : nullptr);
+        child.pid = Tracing::Test::StartProcess(executable, args,
+                                                {extraEnvironment, child.out, child.err, true}, &child.input);
         EXPECT_GT(child.pid, 0) << executable;
         m_running.insert(child.pid);
         return child;
     }
 
+    // Ends the child's input and waits for it.
     int Wait(Child& child) {
-        CloseInput(child);
+        close(std::exchange(child.input, -1));
         const int code = WaitChild(child.pid);
         std::lock_guard lock(m_mutex);
         m_running.erase(child.pid);
@@ -151,37 +144,35 @@ protected:
         ASSERT_EQ(write(child.input, text.data(), text.size()), static_cast<ssize_t>(text.size()));
     }
 
-    static void CloseInput(Child& child) {
-        if (child.input >= 0)
-            close(std::exchange(child.input, -1));
+    static bool Has(const std::string& path, const std::string& text) {
+        return ReadFile(path).find(text) != std::string::npos;
     }
 
     static bool WaitForText(const std::string& path, const std::string& text) {
-        return WaitFor([&] { return ReadFile(path).find(text) != std::string::npos; }, TimeoutMs);
+        return WaitFor([&] { return Has(path, text); }, TimeoutMs);
     }
 
     Child StartConsumer() {
-        Child consumer = Start(PAXLTRACE_CONSUMER, {"--csv", "--until-eof"}, {}, true);
+        Child consumer = Start(PAXLTRACE_CONSUMER, {"--csv", "--until-eof"});
         EXPECT_TRUE(WaitForText(consumer.err, "consumer ready\n")) << ReadFile(consumer.err);
         return consumer;
     }
 
     // Starts a producer that waits for "go"; returns its buffer ID once the consumer has it.
-    Child StartProducer(const Child& consumer, const std::vector<std::string>& args, int& bufferID,
+    Child StartProducer(const Child& consumer, std::vector<std::string> args, int& bufferID,
                         const std::vector<std::string>& extraEnvironment = {}) {
-        std::vector<std::string> all(args);
-        all.push_back("--wait");
-        Child producer = Start(PAXLTRACE_PRODUCER, all, extraEnvironment, true);
+        args.push_back("--wait");
+        Child producer = Start(PAXLTRACE_PRODUCER, args, extraEnvironment);
         bufferID = -1;
         EXPECT_TRUE(WaitFor(
             [&] { return std::sscanf(ReadFile(producer.out).c_str(), "producer buffer %d", &bufferID) == 1; },
             TimeoutMs))
             << ReadFile(producer.err);
+        const std::string id = std::to_string(bufferID) + "\n";
         EXPECT_TRUE(WaitFor(
             [&] {
-                const std::string err = ReadFile(consumer.err);
-                return err.find("buffer created " + std::to_string(bufferID) + "\n") != std::string::npos ||
-                       err.find("buffer existing " + std::to_string(bufferID) + "\n") != std::string::npos;
+                return Has(consumer.err, "buffer created " + id) ||
+                       Has(consumer.err, "buffer existing " + id);
             },
             TimeoutMs));
         return producer;
@@ -215,14 +206,11 @@ std::vector<std::string> BufferObjectsLeft(pid_t producer, const std::string& su
         found.push_back(key);
 #else
     const std::string pid = "_" + std::to_string(producer) + "_";
-    if (DIR* dir = opendir("/dev/shm")) {
-        while (dirent* entry = readdir(dir)) {
-            const std::string name = entry->d_name;
-            if (name.find(Test::ShmPrefix()) != std::string::npos && name.find(pid) != std::string::npos &&
-                name.find(subsystem) != std::string::npos)
-                found.push_back(name);
-        }
-        closedir(dir);
+    for (const auto& entry : std::filesystem::directory_iterator("/dev/shm")) {
+        const std::string name = entry.path().filename().string();
+        if (name.find(Test::ShmPrefix()) != std::string::npos && name.find(pid) != std::string::npos &&
+            name.find(subsystem) != std::string::npos)
+            found.push_back(name);
     }
 #endif
     return found;
@@ -250,10 +238,8 @@ TEST_F(EndToEndTest, EveryTraceOfEveryProducerArrivesOnceInOrder) {
 
     const std::string sequenceLine = SequenceLine();
     std::map<std::string, std::vector<Row>> bySubsystem;
-    for (Row& row : ParseCsv(consumer.out)) {
-        if (row.subsystem.starts_with("E2E_"))  // not the processes' own diagnostics buffers
-            bySubsystem[row.subsystem].push_back(std::move(row));
-    }
+    for (Row& row : ParseCsv(consumer.out, "E2E_"))  // not the processes' own diagnostics buffers
+        bySubsystem[row.subsystem].push_back(std::move(row));
     ASSERT_EQ(bySubsystem.size(), static_cast<size_t>(Producers));
     for (int p = 0; p < Producers; ++p) {
         SCOPED_TRACE(p);
@@ -263,9 +249,7 @@ TEST_F(EndToEndTest, EveryTraceOfEveryProducerArrivesOnceInOrder) {
         int done = 0;
         for (size_t i = 0; i < rows.size(); ++i) {
             const Row& row = rows[i];
-            if (i > 0) {
-                ASSERT_LT(rows[i - 1].id, row.id);
-            }
+            ASSERT_TRUE(i == 0 || rows[i - 1].id < row.id);
             EXPECT_EQ(row.module, "Module" + std::to_string(p));
             EXPECT_TRUE(row.file.ends_with("examples/producer.c")) << row.file;
             int seq = 0;
@@ -273,13 +257,10 @@ TEST_F(EndToEndTest, EveryTraceOfEveryProducerArrivesOnceInOrder) {
             if (std::sscanf(row.message.c_str(), "seq %d thread %u", &seq, &thread) == 2) {
                 ASSERT_LT(thread, 2u);
                 ASSERT_EQ(seq, next[thread]++) << "thread " << thread;  // once each, in order
-                EXPECT_EQ(row.severity, "Info");
-                EXPECT_EQ(row.flags, "");
-                EXPECT_EQ(row.line, sequenceLine);
+                EXPECT_EQ(row.severity + "|" + row.flags + "|" + row.line, "Info||" + sequenceLine);
             } else {
                 EXPECT_TRUE(row.message == "thread 0 done" || row.message == "thread 1 done") << row.message;
-                EXPECT_EQ(row.severity, "Verbose");
-                EXPECT_EQ(row.flags, "Sequence");
+                EXPECT_EQ(row.severity + "|" + row.flags, "Verbose|Sequence");
                 ++done;
             }
         }
@@ -300,11 +281,7 @@ TEST_F(EndToEndTest, OverflowIsReportedAndReadingGoesOn) {
     EXPECT_EQ(Wait(producer), 0);
     StopConsumer(consumer, {bufferID});
 
-    std::vector<Row> rows;
-    for (Row& row : ParseCsv(consumer.out)) {
-        if (row.subsystem == "E2E_Small")
-            rows.push_back(std::move(row));
-    }
+    const std::vector<Row> rows = ParseCsv(consumer.out, "E2E_Small");
     const auto overflow = std::find_if(
         rows.begin(), rows.end(), [](const Row& row) { return row.message.starts_with("Trace overflow"); });
     ASSERT_NE(overflow, rows.end()) << rows.size() << " rows";
@@ -348,31 +325,26 @@ TEST_F(EndToEndTest, KilledProducerKeepsEveryCompletedTraceAndLeavesNothing) {
     EXPECT_TRUE(BufferObjectsLeft(victim, "E2E_Victim").empty());
 
     std::set<int> seen;
-    for (const Row& row : ParseCsv(consumer.out)) {
+    for (const Row& row : ParseCsv(consumer.out, "E2E_Victim")) {
         int seq = 0;
-        if (row.subsystem == "E2E_Victim" && std::sscanf(row.message.c_str(), "seq %d", &seq) == 1) {
-            EXPECT_TRUE(seen.insert(seq).second) << "twice: " << seq;
-        }
+        EXPECT_TRUE(std::sscanf(row.message.c_str(), "seq %d", &seq) != 1 || seen.insert(seq).second)
+            << "twice: " << seq;
     }
     ASSERT_GE(seen.size(), static_cast<size_t>(completed));
     EXPECT_EQ(*seen.rbegin(), static_cast<int>(seen.size()) - 1) << "a gap";
 }
 
-class FilterCounter : public ITraceBufferDataChangedListener {
-public:
-    explicit FilterCounter(int moduleID) : m_moduleID(moduleID) {}
-    void OnModuleFiltersChanged(TraceBuffer&, const std::set<int>& moduleIDs) override {
-        if (moduleIDs.count(m_moduleID) != 0)
-            ++calls;
+struct FilterCounter : ITraceBufferDataChangedListener {
+    explicit FilterCounter(int moduleID) : moduleID(moduleID) {}
+    void OnModuleFiltersChanged(TraceBuffer&, const std::set<int>& ids) override {
+        calls += static_cast<int>(ids.count(moduleID));
     }
+    const int moduleID;
     std::atomic<int> calls{0};
-
-private:
-    int m_moduleID;
 };
 
 TEST_F(EndToEndTest, FilterChangesTravelBothWays) {
-    Child producer = Start(PAXLTRACE_PRODUCER, {"E2E_Filter", "Knob", "10", "1", "--wait"}, {}, true);
+    Child producer = Start(PAXLTRACE_PRODUCER, {"E2E_Filter", "Knob", "10", "1", "--wait"});
     ASSERT_TRUE(WaitForText(producer.out, "severity 4 Info\n")) << ReadFile(producer.err);
     int bufferID = -1, moduleID = -1;
     ASSERT_EQ(

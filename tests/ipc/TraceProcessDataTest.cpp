@@ -15,7 +15,7 @@ PAXLTRACE_CHILD_ROLE(IdleChild) {
         Tracing::Platform::SleepMs(1000);
 }
 
-TEST(TraceProcessData, IdentifiesTheCallingProcess) {
+TEST(TraceProcessData, IdentifiesProcessesByIdAndCreationTimeUntilTheyAreReaped) {
     TraceProcessData self;
     ASSERT_TRUE(self.Fill(getpid()));
     EXPECT_EQ(self, TraceProcessData::GetCurrent());
@@ -24,9 +24,7 @@ TEST(TraceProcessData, IdentifiesTheCallingProcess) {
     // Same ID, another creation time: a new process under a recycled ID.
     EXPECT_FALSE(TraceProcessData(getpid(), self.GetCreationTime() + 1).IsAlive());
     EXPECT_FALSE(TraceProcessData().IsAlive());
-}
 
-TEST(TraceProcessData, FollowsAChildUntilItIsReaped) {
     const pid_t child = SpawnChild("IdleChild");
     ASSERT_GT(child, 0);
     TraceProcessData record;

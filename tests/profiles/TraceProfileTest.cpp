@@ -92,10 +92,17 @@ TEST(TraceProfileModel, FindCopiesTheNodeOrLeavesOutUnchanged) {
     EXPECT_TRUE(flag.IsEnabled());
 
     // Deleting takes the descendants along; a re-created node starts empty.
+    EXPECT_TRUE(module->DeleteFlag("f") && !module->DeleteFlag("f"));
+    EXPECT_FALSE(profile.FindFlag(flag, "h", "a", "s", "m", "f"));
     EXPECT_FALSE(application->DeleteSubSystem("missing"));
     EXPECT_TRUE(application->DeleteSubSystem("s"));
     EXPECT_FALSE(profile.FindModule(found, "h", "a", "s", "m"));
-    EXPECT_TRUE(application->CreateSubSystem("s")->GetModules().empty());
+    TraceProfile::SubSystem* recreated = application->CreateSubSystem("s");
+    EXPECT_TRUE(recreated->GetModules().empty());
+    recreated->CreateModule("m");
+    EXPECT_TRUE(recreated->DeleteModule("m") && !recreated->DeleteModule("m") &&
+                recreated->GetModules().empty());
+    EXPECT_TRUE(profile.DeleteHost("h") && !profile.DeleteHost("h") && profile.GetHost("h") == nullptr);
 }
 
 TEST(TraceProfileVisitor, ValuesAreInheritedLevelByLevel) {

@@ -16,44 +16,20 @@ TEST(RecordsRandomInput, EntriesWithHostileParameterBytes) {
     std::string many;
     for (unsigned i = 0; i <= TraceMessage::MaxParameters; ++i)
         many += "\x0a\x01"s;  // one more bool than a message holds
-    const std::string parameterBytes[] = {
-        ""s,
-        "\x04"s,
-        "\x04"
-        "ab"s,
-        "\x02"
-        "abc"s,
-        "\x03"
-        "a"s,
-        "\x03"
-        "a\0b"s,
-        "\x00"s,
-        "\x01\x01\x01"s,
-        "\x0b"
-        "abcdefgh"s,
-        "\x0c\x0d\x0e"s,
-        "\x09\x01"s,
-        "\x02\0\x07"s,
-        many,
-    };
-    for (const std::string& parameters : parameterBytes)
+    const std::string message = "%1 %{2:x} %3:p %{9} %%";
+    for (const std::string& parameters :
+         {""s, "\004"s, "\004ab"s, "\002abc"s, "\003a"s, "\003a\000b"s, "\000"s, "\001\001\001"s,
+          "\013abcdefgh"s, "\014\015\016"s, "\011\001"s, "\002\000\007"s, many})
         for (const bool binary : {false, true})
             for (const unsigned slack : {0u, 3u})
                 for (const unsigned locationSize : {0u, slack, slack + 2}) {
-                    const std::string message = "%1 %{2:x} %3:p %{9} %%";
-                    std::vector<char> entry;
-                    if (binary) {
-                        const uint64_t id = 2;
-                        entry.insert(entry.end(), reinterpret_cast<const char*>(&id),
-                                     reinterpret_cast<const char*>(&id) + 8);
-                    } else {
-                        entry.insert(entry.end(), message.begin(), message.end());
-                        entry.push_back('\0');
-                    }
-                    entry.insert(entry.end(), parameters.begin(), parameters.end());
+                    const uint64_t id = 2;
+                    std::string bytes =
+                        binary ? std::string(reinterpret_cast<const char*>(&id), 8) : message + '\0';
+                    const auto messageSize = static_cast<unsigned>(binary ? 0 : bytes.size());
+                    bytes += parameters + std::string(slack, 'L');
                     // Exact-size heap block: the entry ends where the readable bytes end.
-                    entry.resize(entry.size() + slack, 'L');
-                    const unsigned messageSize = binary ? 0 : static_cast<unsigned>(message.size() + 1);
+                    const std::vector<char> entry(bytes.begin(), bytes.end());
                     Trace t;
                     if (t.Create(1, 1, 1, 0, 0, 0, 4, messageSize, static_cast<unsigned>(parameters.size()),
                                  locationSize, entry.data(), nullptr, entry.data() + entry.size())) {

@@ -28,6 +28,21 @@ std::string Text(const TraceParameter& p,
     return out;
 }
 
+// The number as ToString writes it (with `specifier` where the type takes one).
+template <class T, class... Specifier>
+std::string Number(T value, Specifier... specifier) {
+    char text[TraceParameter::MaxNumberTextLength + 1];
+    TraceParameter::ToString(value, text, sizeof(text), specifier...);
+    return text;
+}
+
+template <class T>
+std::string Printf(const char* format, T value) {
+    char text[64];
+    std::snprintf(text, sizeof(text), format, value);
+    return text;
+}
+
 }  // namespace
 
 TEST(TraceParameter, PlaceholderLanguageKeepsItsAsymmetries) {
@@ -82,34 +97,19 @@ TEST(TraceParameter, PlaceholderLanguageKeepsItsAsymmetries) {
 
 TEST(TraceParameter, NumberTextsEqualPrintf) {
     const int64_t values[] = {0, 1, -1, 255, INT32_MIN, INT32_MAX, INT64_MIN, INT64_MAX, 0x123456789abcdefLL};
-    char expected[64];
-    char actual[TraceParameter::MaxNumberTextLength + 1];
     for (const int64_t v : values) {
-        std::snprintf(expected, sizeof(expected), "%" PRId64, v);
-        TraceParameter::ToString(v, actual, sizeof(actual), TraceParameter::Default);
-        EXPECT_STREQ(actual, expected);
-        std::snprintf(expected, sizeof(expected), "%" PRIu64, static_cast<uint64_t>(v));
-        TraceParameter::ToString(static_cast<uint64_t>(v), actual, sizeof(actual), TraceParameter::Default);
-        EXPECT_STREQ(actual, expected);
-        std::snprintf(expected, sizeof(expected), "%" PRIx64, static_cast<uint64_t>(v));
-        TraceParameter::ToString(v, actual, sizeof(actual), TraceParameter::Hex);
-        EXPECT_STREQ(actual, expected);
-        std::snprintf(expected, sizeof(expected), "0x%016" PRIx64, static_cast<uint64_t>(v));
-        TraceParameter::ToString(v, actual, sizeof(actual), TraceParameter::Pointer);
-        EXPECT_STREQ(actual, expected);
+        const auto u = static_cast<uint64_t>(v);
         const auto v32 = static_cast<int32_t>(v);
-        std::snprintf(expected, sizeof(expected), "%d", v32);
-        TraceParameter::ToString(v32, actual, sizeof(actual), TraceParameter::Default);
-        EXPECT_STREQ(actual, expected);
-        std::snprintf(expected, sizeof(expected), "0x%08x", static_cast<uint32_t>(v32));
-        TraceParameter::ToString(static_cast<uint32_t>(v32), actual, sizeof(actual), TraceParameter::Pointer);
-        EXPECT_STREQ(actual, expected);
+        EXPECT_EQ(Number(v, TraceParameter::Default), Printf("%" PRId64, v));
+        EXPECT_EQ(Number(u, TraceParameter::Default), Printf("%" PRIu64, u));
+        EXPECT_EQ(Number(v, TraceParameter::Hex), Printf("%" PRIx64, u));
+        EXPECT_EQ(Number(v, TraceParameter::Pointer), Printf("0x%016" PRIx64, u));
+        EXPECT_EQ(Number(v32, TraceParameter::Default), Printf("%d", v32));
+        EXPECT_EQ(Number(static_cast<uint32_t>(v32), TraceParameter::Pointer),
+                  Printf("0x%08x", static_cast<uint32_t>(v32)));
     }
-    for (const double d : {0.0, 1e300, -3.25, 1.0 / 3, 1e-5, 123456789.0}) {
-        std::snprintf(expected, sizeof(expected), "%g", d);
-        TraceParameter::ToString(d, actual, sizeof(actual));
-        EXPECT_STREQ(actual, expected);
-    }
+    for (const double d : {0.0, 1e300, -3.25, 1.0 / 3, 1e-5, 123456789.0})
+        EXPECT_EQ(Number(d), Printf("%g", d));
 
     // Truncated to the buffer and always terminated, never a byte beyond.
     char small[6];
