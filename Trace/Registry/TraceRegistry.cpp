@@ -200,7 +200,9 @@ void TraceRegistry::InitializeOnce() {
 
     // What the lower layers need of the block is handed down before any buffer is made.
     TraceBuffer::SetGlobalTraceIDCounter(GetGlobalTraceIDCounter());
-    TraceTimer::GetInstance().BindReference(m_data);
+    if (m_data != nullptr)
+        m_timeReference.emplace(m_data->GetTimeReference());
+    TraceTimer::GetInstance().BindReference(m_timeReference ? &*m_timeReference : nullptr);
     uint64_t time = 0;
     uint64_t tick = 0;
     int64_t counter = 0;

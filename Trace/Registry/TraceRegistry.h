@@ -19,6 +19,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <unordered_map>
@@ -30,6 +31,7 @@
 #include "Trace/Buffer/TraceBuffer.h"
 #include "Trace/Buffer/TraceBufferInfo.h"
 #include "Trace/Time/TimestampMode.h"
+#include "Trace/Time/TraceTimeReference.h"
 
 struct TraceEngine;
 
@@ -308,7 +310,9 @@ private:
     // The change counters as the last update left them.
     uint32_t m_updateChangeCounter = 0;
     uint32_t m_updateServiceChangeCounter = 0;
-    // Made at the end of the set-up (with a block only); removed first in the destructor.
+    // The block's time reference as the timer uses it (with a block only).
+    std::optional<TraceTimeReference> m_timeReference;
+    // Made at the end of the set-up (with a block only).
     std::unique_ptr<TraceRegistryUpdater> m_updater;
 
     // Set once the singleton exists, so that a name change can tell without creating it.
