@@ -79,6 +79,7 @@ PAXLTRACE_CHILD_ROLE(GlobalReader) {
     producer.Trace("read at exit %1");
     std::vector<std::unique_ptr<Tracing::Trace>> traces;
     globalReader->ReadTraces(traces);
+    trace_engine_destroy(producer.engine);
     return 0;
 }
 
@@ -137,7 +138,9 @@ PAXLTRACE_CHILD_ROLE(WriteAfterUnregister) {
         return 5;
     // With its last engine gone the buffer is too: the name is free for a new one.
     Producer again;
-    return again.Create("Gone") && again.Trace("back %1") == TRACE_ENGINE_OK ? 0 : 6;
+    const bool back = again.Create("Gone") && again.Trace("back %1") == TRACE_ENGINE_OK;
+    trace_engine_destroy(again.engine);
+    return back ? 0 : 6;
 }
 
 TEST(Lifetime, ExitAndUnregisterEndNormally) {
