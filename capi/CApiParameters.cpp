@@ -62,7 +62,8 @@ PAXLTRACE_API wchar_t* trace_string_narrow_to_wide(const char* text) {
     }
 }
 
-PAXLTRACE_API TraceParameter* trace_param_init(TraceParameter* record, unsigned type, const void* value) {
+// In parentheses: the header maps calls of this name to its inline form.
+PAXLTRACE_API TraceParameter*(trace_param_init)(TraceParameter* record, unsigned type, const void* value) {
     if (record == nullptr)
         return nullptr;
     // Types beyond 16 bits would alias small ones when narrowed; they are simply invalid.

@@ -9,6 +9,7 @@
 
 #include <stdbool.h>
 #include <stddef.h>
+#include <string.h>
 #include <wchar.h>
 
 #if defined(_WIN32)
@@ -71,6 +72,46 @@ PAXLTRACE_API TraceParameter* trace_param_init(TraceParameter* record, unsigned 
 PAXLTRACE_API TraceParameter* trace_param_copy(TraceParameter* destination, const TraceParameter* source,
                                                unsigned char count);
 PAXLTRACE_API void trace_param_clear(TraceParameter* records, unsigned char count);
+
+/*
+ * trace_param_init as the caller's compiler sees it: numbers and bool, the parameters of almost
+ * every trace, are set up inline (a call would cost as much as the rest of the trace); everything
+ * else goes to the exported function. (trace_param_init)(...) and &trace_param_init reach the
+ * exported function directly.
+ */
+static inline TraceParameter* trace_param_init_inline(TraceParameter* record, unsigned type,
+                                                      const void* value) {
+    unsigned size;
+    switch (type) {
+        case TRACE_PARAM_BOOL:
+            size = 1;
+            break;
+        case TRACE_PARAM_INT32:
+        case TRACE_PARAM_UINT32:
+        case TRACE_PARAM_FLOAT:
+            size = 4;
+            break;
+        case TRACE_PARAM_INT64:
+        case TRACE_PARAM_UINT64:
+        case TRACE_PARAM_DOUBLE:
+            size = 8;
+            break;
+        default:
+            return (trace_param_init)(record, type, value);
+    }
+    if (record == NULL)
+        return NULL;
+    record->type = (unsigned short)type;
+    record->owned = 0;
+    record->reserved = 0;
+    record->size = size;
+    memset(record->data.bytes, 0, sizeof record->data.bytes);
+    if (value != NULL)
+        memcpy(record->data.bytes, value, size);
+    return record;
+}
+#define trace_param_init(record, type, value) trace_param_init_inline(record, type, value)
+
 PAXLTRACE_API char* trace_param_format(const char* format, unsigned long long binaryTextId,
                                        unsigned char count, const TraceParameter* parameters);
 

@@ -46,6 +46,7 @@ struct TailOptions {
     std::string Output;  // empty = standard output
     uint32_t Since = 0;
     double Duration = 0;  // seconds; 0 = until stopped
+    bool Stats = false;   // totals on standard error every second
     // Called once at half the duration (the demo changes a filter there).
     std::function<void()> Midway;
 };

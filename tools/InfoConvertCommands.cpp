@@ -5,7 +5,10 @@
 
 #include "Trace/Engine/TraceConfigurationPrivate.h"
 #include "Trace/Records/Trace.h"
+#include "tools/BatchedOutput.h"
 #include "tools/Commands.h"
+#include "tools/ToolOs.h"
+#include "tools/TraceFileReader.h"
 
 namespace Tracing::Tool {
 
@@ -52,36 +55,51 @@ int RunConvert(const ConvertOptions& options) {
         std::cerr << "paxltrace: cannot read " << options.Input << '\n';
         return ExitFailure;
     }
-    std::vector<std::unique_ptr<Trace>> traces;
-    if (FormatOf(options.Input, options.From) == "csv") {
-        Trace::ReadCsvFromStream(in, traces, 0, Trace::CSV_SEPARATOR);
-    } else {
-        Trace::ReadFromStream(in, traces, 0, Trace::LOG_SEPARATOR);
-    }
-    std::ofstream out(options.Output, std::ios::binary | std::ios::trunc);
-    if (!out) {
+    std::ofstream file(options.Output, std::ios::binary | std::ios::trunc);
+    if (!file) {
         std::cerr << "paxltrace: cannot write " << options.Output << '\n';
         return ExitFailure;
     }
+    InstallStopHandler();
+    const bool csvIn = FormatOf(options.Input, options.From) == "csv";
     const bool csv = FormatOf(options.Output, options.To) == "csv";
+    TraceFileReader reader(in, csvIn ? TraceFileReader::Format::Csv : TraceFileReader::Format::Log,
+                           csvIn ? Trace::CSV_SEPARATOR : Trace::LOG_SEPARATOR);
+    BatchedOutput out(file);
     if (csv) {
         Trace::GetTraceCsvHeader(out, Trace::CSV_SEPARATOR);
     } else {
         Trace::GetTraceHeader(out, Trace::LOG_SEPARATOR);
     }
-    for (const auto& trace : traces) {
-        if (csv) {
-            trace->WriteCsvToStream(out, Trace::CSV_SEPARATOR);
-        } else {
-            trace->WriteToStream(out, Trace::LOG_SEPARATOR);
+    // Batches keep the memory flat whatever the file's size.
+    constexpr std::size_t BatchLines = 8192;
+    uint64_t converted = 0;
+    std::vector<std::unique_ptr<Trace>> traces;
+    while (reader.ReadBatch(traces, BatchLines) && !StopRequested()) {
+        for (const auto& trace : traces) {
+            if (csv) {
+                trace->WriteCsvToStream(out, Trace::CSV_SEPARATOR);
+            } else {
+                trace->WriteToStream(out, Trace::LOG_SEPARATOR);
+            }
         }
+        converted += traces.size();
+        traces.clear();
+        out.Commit();
     }
-    out.close();
-    if (!out) {
+    if (!out.Commit() || !file.flush()) {
         std::cerr << "paxltrace: writing " << options.Output << " failed\n";
         return ExitFailure;
     }
-    std::cerr << traces.size() << " traces converted\n";
+    std::cerr << converted << " traces converted\n";
+    if (reader.GetSkippedLines() != 0) {
+        std::cerr << "paxltrace: " << reader.GetSkippedLines() << " lines of " << options.Input
+                  << " are not traces and were skipped\n";
+        // Nothing but such lines: not a trace file.
+        if (converted == 0) {
+            return ExitUsage;
+        }
+    }
     return ExitOk;
 }
 

@@ -1,4 +1,5 @@
 // tail: live traces of the machine's buffers as log lines or CSV.
+#include <chrono>
 #include <fstream>
 #include <iostream>
 #include <memory>
@@ -7,11 +8,14 @@
 #include <sstream>
 
 #include "Trace/Buffer/TraceBuffer.h"
+#include "Trace/Buffer/TraceStream.h"
 #include "Trace/Reading/TraceReader.h"
 #include "Trace/Reading/TraceUpdateManager.h"
 #include "Trace/Records/Trace.h"
 #include "Trace/Registry/TraceRegistry.h"
+#include "tools/BatchedOutput.h"
 #include "tools/Commands.h"
+#include "tools/DeliveryStats.h"
 #include "tools/ToolOs.h"
 
 namespace Tracing::Tool {
@@ -84,26 +88,57 @@ private:
     std::atomic<bool> m_started{false};
 };
 
-// Writes the traces that pass the module and severity filters; runs on the updater thread.
-class TraceWriter : public ITraceReaderEventListener {
+void ReportLoss(const DeliveryStats::Loss& loss) {
+    std::cerr << "paxltrace: overflow in buffer " << loss.BufferID << ": " << loss.Reason;
+    if (loss.Lost != 0) {
+        std::cerr << " " << loss.Lost << " traces lost (IDs " << loss.LastBefore + 1 << " to "
+                  << loss.FirstAfter - 1 << ").";
+    }
+    std::cerr << " The reader fell behind the ring";
+    if (const TraceBuffer* buffer = TraceRegistry::GetInstance().GetConsumerBuffer(loss.BufferID)) {
+        std::cerr << " of " << buffer->GetRingBufferSize() << " bytes";
+    }
+    std::cerr << ": give the producer a larger one (environment TRACE_STREAM_SIZE, or the stream size of its "
+                 "profile).\n";
+}
+
+// A live tail shows new traces within this time.
+constexpr unsigned UpdateCycleMs = 50;
+
+// Writes the traces that pass the module and severity filters. Each delivered batch reaches the
+// output in one write.
+class TraceWriter {
 public:
-    TraceWriter(const TailOptions& options, std::ostream& out, bool colour, Severity::Type minSeverity)
+    TraceWriter(const TailOptions& options, BatchedOutput& out, bool colour, Severity::Type minSeverity)
         : m_options(options), m_out(out), m_colour(colour), m_minSeverity(minSeverity) {}
 
-    void OnNewTraces(std::vector<std::unique_ptr<Trace>>& traces) override {
+    void OnNewTraces(std::vector<std::unique_ptr<Trace>>& traces) {
         std::lock_guard lock(m_mutex);
         for (const auto& trace : traces) {
             Write(*trace);
         }
-        m_out.flush();
+        m_out.Commit();
+    }
+
+    // Reports the losses still open and returns the totals.
+    std::string Finish() {
+        std::lock_guard lock(m_mutex);
+        m_stats.FlushPending(ReportLoss);
+        return m_stats.Summary();
+    }
+    std::string Summary() {
+        std::lock_guard lock(m_mutex);
+        return m_stats.Summary();
     }
 
 private:
     void Write(const Trace& trace) {
+        DeliveryStats::Loss loss;
+        if (m_stats.Observe(trace, loss)) {
+            ReportLoss(loss);
+        }
         // The ring reports lost traces as records of no module.
         if (trace.GetModuleID() == -1) {
-            std::cerr << "overflow in buffer " << trace.GetBufferID() << ": " << trace.GetFormattedMessage()
-                      << std::endl;
             return;
         }
         if (trace.GetSeverity() > m_minSeverity || !ModuleSelected(trace)) {
@@ -137,10 +172,11 @@ private:
     }
 
     const TailOptions& m_options;
-    std::ostream& m_out;
+    BatchedOutput& m_out;
     bool m_colour;
     Severity::Type m_minSeverity;
     std::mutex m_mutex;
+    DeliveryStats m_stats;
 };
 
 }  // namespace
@@ -163,7 +199,7 @@ int RunTail(const TailOptions& options) {
             return ExitFailure;
         }
     }
-    std::ostream& out = options.Output.empty() ? std::cout : file;
+    BatchedOutput out(options.Output.empty() ? std::cout : static_cast<std::ostream&>(file));
     const bool colour = options.Output.empty() && !options.Csv && StdoutIsTerminal();
     InstallStopHandler();
 
@@ -177,16 +213,24 @@ int RunTail(const TailOptions& options) {
     } else {
         Trace::GetTraceHeader(out, Trace::LOG_SEPARATOR);
     }
+    out.Commit();
     registry.RegisterDataChangedListener(&selector);
-    reader->RegisterEventListener(writer);
     TraceUpdateManager::GetInstance().WaitForAllUpdates();
     selector.RegisterPresentBuffers();
 
-    const auto start = std::chrono::steady_clock::now();
+    // This thread reads, not the updater: one update reads at most TraceReadLimit traces of a
+    // buffer, which caps a reader at 1 M traces/s; a reader that is behind reads again at once.
+    using Clock = std::chrono::steady_clock;
+    const auto start = Clock::now();
     bool midwayDone = !options.Midway;
+    double statsDue = 1;
     while (!StopRequested()) {
-        const double elapsed =
-            std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        const auto cycleStart = Clock::now();
+        const double elapsed = std::chrono::duration<double>(cycleStart - start).count();
+        if (options.Stats && elapsed >= statsDue) {
+            std::cerr << "paxltrace: " << writer.Summary() << '\n';
+            statsDue += 1;
+        }
         if (options.Duration > 0 && elapsed >= options.Duration) {
             break;
         }
@@ -194,19 +238,33 @@ int RunTail(const TailOptions& options) {
             options.Midway();
             midwayDone = true;
         }
-        SleepUnlessStopped(50);
+        std::vector<std::unique_ptr<Trace>> traces;
+        reader->ReadTraces(traces);
+        const bool behind = traces.size() >= TraceStream::TraceReadLimit;
+        if (!traces.empty()) {
+            writer.OnNewTraces(traces);
+        }
+        if (!behind) {
+            const auto spent =
+                std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - cycleStart);
+            SleepUnlessStopped(
+                spent.count() < UpdateCycleMs ? UpdateCycleMs - static_cast<unsigned>(spent.count()) : 1);
+        }
     }
 
-    // Off the updater thread first, so that nothing calls the writer while the rest is drained.
     registry.UnregisterDataChangedListener(&selector);
-    reader->UnregisterEventListener(writer);
-    TraceUpdateManager::GetInstance().WaitForAllUpdates();
-    std::vector<std::unique_ptr<Trace>> rest;
-    reader->ReadTraces(rest);
-    writer.OnNewTraces(rest);
+    // What the producers wrote up to now, bounded so that a busy one cannot keep us here.
+    for (int round = 0; round < 64; ++round) {
+        std::vector<std::unique_ptr<Trace>> rest;
+        reader->ReadTraces(rest);
+        if (rest.empty()) {
+            break;
+        }
+        writer.OnNewTraces(rest);
+    }
     reader.reset();
-    out.flush();
-    return out ? ExitOk : ExitFailure;
+    std::cerr << "paxltrace: " << writer.Finish() << '\n';
+    return out.Commit() ? ExitOk : ExitFailure;
 }
 
 void AddTailCommand(CLI::App& app, Action& action) {
@@ -220,6 +278,9 @@ void AddTailCommand(CLI::App& app, Action& action) {
     tail->add_flag("--csv", options->Csv, "CSV instead of log lines");
     tail->add_option("--output,-o", options->Output, "Write to this file instead of standard output");
     tail->add_option("--since", options->Since, "Start after this trace ID in the buffers present at start");
+    tail->add_flag("--stats", options->Stats,
+                   "Every second, show on standard error the traces delivered and lost so far (the totals "
+                   "are always shown at the end)");
     tail->add_option("--duration,-d", options->Duration, "Stop after this many seconds (default: Ctrl-C)")
         ->check(CLI::NonNegativeNumber);
     tail->callback([&action, options] { action = [options] { return RunTail(*options); }; });

@@ -37,6 +37,7 @@
 #pragma once
 
 #include <atomic>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <type_traits>
@@ -121,6 +122,14 @@ public:
     std::atomic_ref<int32_t> GetAtomicNextFreeModuleID() const { return Ref(m_nextFreeModuleID); }
     std::atomic_ref<uint32_t> GetAtomicTotalTraceCounter() const { return Ref(m_totalTraceCounter); }
     std::atomic_ref<uint32_t> GetAtomicWriteIndex() const { return Ref(m_writeIndex); }
+    // The total trace counter (low half) and the write index (high half) as one little-endian
+    // word, so that a writer drawing a per-buffer ID reserves and numbers its entry in one atomic
+    // step. Null when the header is not 8-byte aligned (a mapping always is).
+    uint64_t* GetCounterAndWriteIndex() {
+        void* word = &m_totalTraceCounter;
+        return reinterpret_cast<uintptr_t>(word) % alignof(uint64_t) == 0 ? static_cast<uint64_t*>(word)
+                                                                          : nullptr;
+    }
     std::atomic_ref<uint8_t> GetRingBufferWasFilled() const { return Ref(m_ringBufferWasFilled); }
     std::atomic_ref<uint8_t> GetConsumerAttached() const { return Ref(m_consumerAttached); }
     void SetConsumerAttached(bool attached) {
@@ -229,6 +238,9 @@ inline void TraceBufferData::CheckLayout() {
     static_assert(offsetof(TraceBufferData, m_totalTraceCounter) == 64);
     static_assert(offsetof(TraceBufferData, m_writeIndex) == 68);
     static_assert(offsetof(TraceBufferData, m_ringBufferSize) == 72);
+    static_assert(
+        std::endian::native == std::endian::little && std::atomic_ref<uint64_t>::is_always_lock_free,
+        "GetCounterAndWriteIndex: the counter is the low half of one lock-free word");
     static_assert(offsetof(TraceBufferData, m_systemName) == 76);
     static_assert(offsetof(TraceBufferData, m_hostName) == 109);
     static_assert(offsetof(TraceBufferData, m_applicationName) == 142);

@@ -162,7 +162,8 @@ TraceStream::TraceStream(const TraceBuffer* owner, TraceBufferData* header, char
       m_traceIdCounter(m_globalTraceCounter != nullptr ? std::atomic_ref<uint32_t>(*m_globalTraceCounter)
                                                        : header->GetAtomicTotalTraceCounter()),
       m_totalTraceCounter(header->GetAtomicTotalTraceCounter()),
-      m_ringWasFilled(header->GetRingBufferWasFilled()) {}
+      m_ringWasFilled(header->GetRingBufferWasFilled()),
+      m_counterAndIndex(m_globalTraceCounter == nullptr ? header->GetCounterAndWriteIndex() : nullptr) {}
 
 TraceStream::~TraceStream() {
     m_splitTraces.clear();
@@ -171,6 +172,7 @@ TraceStream::~TraceStream() {
     m_globalTraceCounter = nullptr;
     m_timer = nullptr;
     m_ringStart = nullptr;
+    m_counterAndIndex = nullptr;
     m_spillEnd = nullptr;
 }
 
@@ -385,18 +387,30 @@ inline uint32_t TraceStream::WriteEntry(const EntryPlan& plan) {
     const uint32_t dataSize = payload + plan.parameters.size + plan.locationSize;
     const uint32_t entrySize = ((dataSize + 7) & ~7u) + TraceData::SizeWithoutData;
 
-    const uint32_t position = m_writeIndex.fetch_add(entrySize, std::memory_order_seq_cst);
-    TraceData& entry = *reinterpret_cast<TraceData*>(m_ringStart + (position & m_mask));
-
+    uint32_t position;
     uint32_t id = plan.traceID;
-    if (id == 0) [[likely]] {
-        id = m_traceIdCounter.fetch_add(1, std::memory_order_seq_cst) + 1;
+    if (id == 0 && m_counterAndIndex != nullptr) [[likely]] {
+        // Per-buffer IDs: one addition reserves the span and draws the ID. When the counter wraps
+        // to 0 it carries 1 into the write index until TakeBackCounterCarry removes it again; the
+        // spans are multiples of 8, so rounding down gives every writer its exact position.
+        const uint64_t old = std::atomic_ref<uint64_t>(*m_counterAndIndex)
+                                 .fetch_add((uint64_t{entrySize} << 32) | 1u, std::memory_order_seq_cst);
+        position = static_cast<uint32_t>(old >> 32) & ~7u;
+        id = static_cast<uint32_t>(old) + 1;
         if (id == 0) [[unlikely]]
-            id = m_traceIdCounter.fetch_add(1, std::memory_order_seq_cst) + 1;
+            id = TakeBackCounterCarry();
     } else {
-        // Automatic IDs continue from a given one.
-        m_totalTraceCounter.exchange(id, std::memory_order_seq_cst);
+        position = m_writeIndex.fetch_add(entrySize, std::memory_order_seq_cst);
+        if (id == 0) [[likely]] {
+            id = m_traceIdCounter.fetch_add(1, std::memory_order_seq_cst) + 1;
+            if (id == 0) [[unlikely]]
+                id = m_traceIdCounter.fetch_add(1, std::memory_order_seq_cst) + 1;
+        } else {
+            // Automatic IDs continue from a given one.
+            m_totalTraceCounter.exchange(id, std::memory_order_seq_cst);
+        }
     }
+    TraceData& entry = *reinterpret_cast<TraceData*>(m_ringStart + (position & m_mask));
 
     // The write index now stands at least at the end of our span: testing that end saves a
     // second load of a word every writer is changing.
@@ -468,6 +482,13 @@ inline uint32_t TraceStream::WriteEntry(const EntryPlan& plan) {
     }
     TraceData::Publish(entry);
     return id;
+}
+
+uint32_t TraceStream::TakeBackCounterCarry() {
+    // Write index - 1 and counter + 1 in one step: the carry goes, and the ID 0 is skipped.
+    const uint64_t old = std::atomic_ref<uint64_t>(*m_counterAndIndex)
+                             .fetch_add(~uint64_t{0} << 32 | 1u, std::memory_order_seq_cst);
+    return static_cast<uint32_t>(old) + 1;
 }
 
 void TraceStream::ReportWriteToDeletedStream(const char* message) {

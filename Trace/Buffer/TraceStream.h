@@ -168,6 +168,9 @@ private:
     // Reserves, numbers and fills one entry; returns its TraceID.
     [[gnu::always_inline]] uint32_t WriteEntry(const EntryPlan& plan);
     [[gnu::cold]] void WriteLongMessage(EntryPlan plan, uint32_t messageSize);
+    // After the per-buffer counter wrapped to 0: removes its carry from the write index and
+    // returns the next ID.
+    [[gnu::cold]] uint32_t TakeBackCounterCarry();
 
     // --- reading
     const TraceData& EntryAt(uint32_t index) const {
@@ -208,6 +211,8 @@ private:
     std::atomic_ref<uint32_t> m_traceIdCounter;
     std::atomic_ref<uint32_t> m_totalTraceCounter;
     std::atomic_ref<uint8_t> m_ringWasFilled;
+    // Per-buffer IDs: the header's counter and write index as one word; null with global IDs.
+    uint64_t* m_counterAndIndex;
 
     // First parts of split messages waiting for their remaining parts, by first-part TraceID.
     mutable std::unordered_map<uint32_t, std::unique_ptr<Trace>, Fnv1aHash> m_splitTraces;

@@ -1,5 +1,6 @@
 #include "Trace/Records/Trace.h"
 
+#include <charconv>
 #include <cstdio>
 #include <cstring>
 
@@ -8,6 +9,7 @@
 #include "Trace/Records/Severity.h"
 #include "Trace/Records/TraceMessage.h"
 #include "Trace/Records/TraceParameter.h"
+#include "Trace/Records/TracePool.h"
 #include "Trace/Time/TraceTimer.h"
 
 namespace Tracing {
@@ -55,11 +57,29 @@ Trace::Trace(const Trace& other)
       m_applicationName(other.m_applicationName),
       m_subSystemName(other.m_subSystemName),
       m_moduleName(other.m_moduleName) {
-    if (other.m_parameterBuffer != nullptr && other.m_parameterBufferSize != 0) {
-        m_parameterBuffer = std::make_unique_for_overwrite<unsigned char[]>(other.m_parameterBufferSize);
-        std::memcpy(m_parameterBuffer.get(), other.m_parameterBuffer.get(), other.m_parameterBufferSize);
-        m_parameterBufferSize = other.m_parameterBufferSize;
+    SetParameters(other.GetParameterBuffer(), other.m_parameterBufferSize);
+}
+
+void* Trace::operator new(std::size_t size) {
+    return TracePool::Allocate(size);
+}
+
+void Trace::operator delete(void* block, std::size_t size) noexcept {
+    TracePool::Release(block, size);
+}
+
+void Trace::SetParameters(const void* data, unsigned int size) {
+    m_parameterBuffer.reset();
+    m_parameterBufferSize = 0;
+    if (data == nullptr || size == 0)
+        return;
+    unsigned char* to = m_inlineParameters;
+    if (size > InlineParameterBytes) {
+        m_parameterBuffer = std::make_unique_for_overwrite<unsigned char[]>(size);
+        to = m_parameterBuffer.get();
     }
+    std::memcpy(to, data, size);
+    m_parameterBufferSize = size;
 }
 
 Trace& Trace::operator=(const Trace& other) {
@@ -74,8 +94,7 @@ bool Trace::Create(unsigned int id, int bufferID, int moduleID, uint64_t timesta
                    unsigned int threadID, unsigned int severityWord, unsigned int messageSize,
                    unsigned int parameterSize, unsigned int locationSize, const char* data,
                    const TraceBuffer* buffer, const char* dataEnd) {
-    m_parameterBuffer.reset();
-    m_parameterBufferSize = 0;
+    SetParameters(nullptr, 0);
     m_formattedMessage.clear();
     m_id = id;
     m_bufferID = bufferID;
@@ -113,9 +132,7 @@ bool Trace::Create(unsigned int id, int bufferID, int moduleID, uint64_t timesta
     if (parameterSize != 0) {
         if (parameterSize > remaining())
             return false;
-        m_parameterBuffer = std::make_unique_for_overwrite<unsigned char[]>(parameterSize);
-        std::memcpy(m_parameterBuffer.get(), cursor, parameterSize);
-        m_parameterBufferSize = parameterSize;
+        SetParameters(cursor, parameterSize);
         cursor += parameterSize;
     }
 
@@ -141,10 +158,13 @@ void Trace::FillExtendedData(const TraceBuffer* buffer) {
     // Without the producer's buffer the texts could not agree with each other: keep them all.
     if (buffer == nullptr)
         return;
+    // "%llu (0x%x)" of process and thread, without a printf per record.
     char text[64];
-    std::snprintf(text, sizeof(text), "%llu (0x%x)", static_cast<unsigned long long>(m_processID),
-                  m_threadID);
-    m_threadIDText = text;
+    char* end = std::to_chars(text, text + 24, static_cast<unsigned long long>(m_processID)).ptr;
+    std::memcpy(end, " (0x", 4);
+    end = std::to_chars(end + 4, end + 16, m_threadID, 16).ptr;
+    *end++ = ')';
+    m_threadIDText.assign(text, end);
     m_timestampMode = buffer->GetTimestampMode();
     TraceTimer::Format(m_timestamp, m_timestampText, m_timestampMode);
     m_severityText = Severity::Name(m_severityWord & Severity::Mask);
@@ -158,7 +178,7 @@ void Trace::FillExtendedData(const TraceBuffer* buffer) {
 }
 
 bool Trace::HasParameters() const {
-    return !m_message.empty() && m_parameterBuffer != nullptr && m_parameterBufferSize != 0;
+    return !m_message.empty() && m_parameterBufferSize != 0;
 }
 
 const std::string& Trace::GetFormattedMessage() const {
@@ -204,7 +224,7 @@ void Trace::FillTraceMessage(TraceMessage& message) const {
         message.SetBinaryTraceID(m_binaryTraceId);
     else
         message.SetText(m_message.c_str());
-    FillTraceMessage(message, m_parameterBufferSize, m_parameterBuffer.get());
+    FillTraceMessage(message, m_parameterBufferSize, GetParameterBuffer());
 }
 
 void Trace::FillTraceMessage(TraceMessage& message, unsigned int size, const unsigned char* parameterBuffer) {
@@ -309,11 +329,9 @@ void Trace::FillFromTextFields() {
 bool Trace::operator==(const Trace& other) const {
     if (this == &other)
         return true;
-    if ((m_parameterBuffer == nullptr) != (other.m_parameterBuffer == nullptr))
-        return false;
-    if (m_parameterBuffer != nullptr &&
-        (m_parameterBufferSize != other.m_parameterBufferSize ||
-         std::memcmp(m_parameterBuffer.get(), other.m_parameterBuffer.get(), m_parameterBufferSize) != 0))
+    if (m_parameterBufferSize != other.m_parameterBufferSize ||
+        (m_parameterBufferSize != 0 &&
+         std::memcmp(GetParameterBuffer(), other.GetParameterBuffer(), m_parameterBufferSize) != 0))
         return false;
     return m_id == other.m_id && m_type == other.m_type && m_bufferID == other.m_bufferID &&
            m_moduleID == other.m_moduleID && m_timestamp == other.m_timestamp &&

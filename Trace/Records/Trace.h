@@ -32,6 +32,10 @@ public:
     Trace& operator=(Trace&&) noexcept = default;
     ~Trace() = default;
 
+    // Records come from a pool that keeps its memory (see TracePool).
+    static void* operator new(std::size_t size);
+    static void operator delete(void* block, std::size_t size) noexcept;
+
     // Fills the record from the variable part of a ring entry at data: the message (messageSize
     // bytes with terminator) or an 8-byte binary ID, parameterSize bytes of parameters, then the
     // location (4-byte line, file name with terminator). dataEnd, when not null, bounds every
@@ -88,7 +92,11 @@ public:
     unsigned int GetSeverityMask() const { return m_severityWord; }
     const std::string& GetMessageString() const { return m_message; }
     uint64_t GetBinaryTraceID() const { return m_binaryTraceId; }
-    const unsigned char* GetParameterBuffer() const { return m_parameterBuffer.get(); }
+    const unsigned char* GetParameterBuffer() const {
+        if (m_parameterBufferSize == 0)
+            return nullptr;
+        return m_parameterBufferSize <= InlineParameterBytes ? m_inlineParameters : m_parameterBuffer.get();
+    }
     unsigned int GetParameterBufferSize() const { return m_parameterBufferSize; }
     const std::string& GetFileName() const { return m_fileName; }
     unsigned int GetLineNumber() const { return m_lineNumber; }
@@ -112,6 +120,11 @@ private:
     // Derives severity, timestamp and IDs from the text fields read from a log or CSV line.
     void FillFromTextFields();
     bool HasParameters() const;
+    // Copies size bytes of serialised parameters into the record.
+    void SetParameters(const void* data, unsigned int size);
+
+    // Most traces carry a few numbers and a short text: their parameters stay in the record.
+    static constexpr unsigned int InlineParameterBytes = 32;
 
     unsigned int m_id = 0;
     Type m_type = Text;
@@ -124,7 +137,9 @@ private:
     unsigned int m_severityWord = 0;
     std::string m_message;
     uint64_t m_binaryTraceId = 0;
+    // Inline up to InlineParameterBytes, else in m_parameterBuffer; none when the size is 0.
     unsigned int m_parameterBufferSize = 0;
+    unsigned char m_inlineParameters[InlineParameterBytes];
     std::unique_ptr<unsigned char[]> m_parameterBuffer;
     std::string m_fileName;
     unsigned int m_lineNumber = 0;

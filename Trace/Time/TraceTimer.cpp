@@ -123,26 +123,49 @@ bool TraceTimer::Timestamp2Tm(uint64_t timestamp, std::tm& time, int& millisecon
 }
 
 void TraceTimer::Format(uint64_t timestamp, std::string& text, TimestampMode::Type mode) {
-    std::tm time;
-    int milliseconds = 0;
-    int microseconds = 0;
-    // A time the system cannot convert is shown as the raw number rather than as a made-up date.
-    if (mode == TimestampMode::SEQ_ID || !Timestamp2Tm(timestamp, time, milliseconds, microseconds)) {
+    if (mode == TimestampMode::SEQ_ID) {
         FormatNumber(timestamp, text);
         return;
     }
+    // A reader formats many timestamps of the same second: the date and time up to the second
+    // are converted once per second and thread, only the fraction each time.
+    struct SecondText {
+        uint64_t second = UINT64_MAX;
+        char text[24];
+        std::size_t length = 0;
+    };
+    thread_local SecondText cached;
+    const uint64_t second = timestamp / UnitsPerSecond;
+    if (second != cached.second) {
+        std::tm time;
+        int milliseconds = 0;
+        int microseconds = 0;
+        // A time the system cannot convert is shown as the raw number rather than as a made-up date.
+        if (!Timestamp2Tm(timestamp, time, milliseconds, microseconds)) {
+            FormatNumber(timestamp, text);
+            return;
+        }
+        const int length = std::snprintf(cached.text, sizeof cached.text, "%04d.%02d.%02d %02d:%02d:%02d.",
+                                         time.tm_year + 1900, time.tm_mon + 1, time.tm_mday, time.tm_hour,
+                                         time.tm_min, time.tm_sec);
+        if (length <= 0 || static_cast<std::size_t>(length) >= sizeof cached.text) {
+            FormatNumber(timestamp, text);
+            return;
+        }
+        cached.length = static_cast<std::size_t>(length);
+        cached.second = second;
+    }
     const uint32_t effective =
         mode == TimestampMode::OPTIMAL ? optimalFormatMode.load(std::memory_order_relaxed) : mode;
-    char buffer[64];
-    if (effective == TimestampMode::FAST) {
-        std::snprintf(buffer, sizeof buffer, "%04d.%02d.%02d %02d:%02d:%02d.%03d", time.tm_year + 1900,
-                      time.tm_mon + 1, time.tm_mday, time.tm_hour, time.tm_min, time.tm_sec, milliseconds);
-    } else {
-        std::snprintf(buffer, sizeof buffer, "%04d.%02d.%02d %02d:%02d:%02d.%03d%03d", time.tm_year + 1900,
-                      time.tm_mon + 1, time.tm_mday, time.tm_hour, time.tm_min, time.tm_sec, milliseconds,
-                      microseconds);
-    }
-    text = buffer;
+    // Milliseconds, then microseconds unless FAST.
+    const unsigned fraction = static_cast<unsigned>(timestamp % UnitsPerSecond / 10);
+    const unsigned digits = effective == TimestampMode::FAST ? 3 : 6;
+    char buffer[32];
+    std::memcpy(buffer, cached.text, cached.length);
+    unsigned value = effective == TimestampMode::FAST ? fraction / 1000 : fraction;
+    for (unsigned i = digits; i-- != 0; value /= 10)
+        buffer[cached.length + i] = static_cast<char>('0' + value % 10);
+    text.assign(buffer, cached.length + digits);
 }
 
 void TraceTimer::FormatTime(uint64_t timestamp, std::string& text, TimestampMode::Type mode) {
@@ -198,14 +221,26 @@ uint64_t TraceTimer::Parse(const char* text, TimestampMode::Type& mode) {
                                    &minute, &second, &fractionStart, &fraction, &end);
     const int digits = end - fractionStart;
     if (fields == 7 && fractionStart >= 0 && end >= 0 && static_cast<size_t>(end) == length && digits <= 7) {
-        std::tm time{};
-        time.tm_year = year - 1900;
-        time.tm_mon = month - 1;
-        time.tm_mday = day;
-        time.tm_hour = hour;
-        time.tm_min = minute;
-        time.tm_sec = second;
-        const int64_t seconds = Platform::MakeLocalTime(time);
+        // A file holds many timestamps of one second, and each conversion asks the system for the
+        // time zone: convert once per second and thread.
+        struct SecondValue {
+            int key[6] = {-1, -1, -1, -1, -1, -1};
+            int64_t seconds = 0;
+        };
+        thread_local SecondValue cached;
+        const int key[6] = {year, month, day, hour, minute, second};
+        if (std::memcmp(key, cached.key, sizeof key) != 0) {
+            std::tm time{};
+            time.tm_year = year - 1900;
+            time.tm_mon = month - 1;
+            time.tm_mday = day;
+            time.tm_hour = hour;
+            time.tm_min = minute;
+            time.tm_sec = second;
+            cached.seconds = Platform::MakeLocalTime(time);
+            std::memcpy(cached.key, key, sizeof key);
+        }
+        const int64_t seconds = cached.seconds;
         // Times before 1970 are refused like the failures: a timestamp cannot hold them.
         if (seconds < 0)
             return 0;

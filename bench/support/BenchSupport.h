@@ -35,9 +35,10 @@ public:
     RatioReporter() : ConsoleReporter(OO_Tabular) {}
     void ReportRuns(const std::vector<Run>& runs) override {
         for (const Run& run : runs) {
-            if (run.aggregate_name == "median")
-                medians[run.run_name.function_name + "/" + std::to_string(run.threads)] =
-                    run.GetAdjustedCPUTime();
+            // A single repetition has no aggregates: its one run stands for the median.
+            const std::string key = run.run_name.function_name + "/" + std::to_string(run.threads);
+            if (run.aggregate_name == "median" || (run.aggregate_name.empty() && !medians.contains(key)))
+                medians[key] = run.GetAdjustedCPUTime();
         }
         ConsoleReporter::ReportRuns(runs);
     }

@@ -253,6 +253,22 @@ PAXLTRACE_CHILD_ROLE(KeepEngine) {
     return untouched ? 0 : 3;
 }
 
+// The header sets numbers up inline; the records must equal the library's, byte for byte.
+TEST(CApiEngine, InlineParameterSetUpMatchesTheLibrary) {
+    const unsigned char value[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+    for (unsigned type = TRACE_PARAM_INT32; type <= TRACE_PARAM_BOOL; ++type) {
+        for (const void* given : {static_cast<const void*>(value), static_cast<const void*>(nullptr)}) {
+            ::TraceParameter inlined, exported;
+            std::memset(&inlined, 0xCC, sizeof inlined);
+            std::memset(&exported, 0xCC, sizeof exported);
+            EXPECT_EQ(trace_param_init(&inlined, type, given), &inlined);
+            EXPECT_EQ((trace_param_init)(&exported, type, given), &exported);
+            EXPECT_EQ(std::memcmp(&inlined, &exported, sizeof inlined), 0) << "type " << type;
+        }
+    }
+    EXPECT_EQ(trace_param_init(nullptr, TRACE_PARAM_INT32, value), nullptr);
+}
+
 TEST(CApiByName, SeverityAndFlagsOfThisProcessOnly) {
     Engine a = Create("Buf", "A");
     Engine b = Create("Buf", "B");

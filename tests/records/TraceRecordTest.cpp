@@ -3,11 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <thread>
 #include <vector>
 
 #include "Trace/Records/Severity.h"
 #include "Trace/Records/TraceIDTextMap.h"
 #include "Trace/Records/TraceMessage.h"
+#include "Trace/Records/TracePool.h"
 #include "Trace/Time/TraceTimer.h"
 
 namespace Tracing {
@@ -223,11 +225,39 @@ TEST(TraceRecord, EqualityCopiesAndOrder) {
     EXPECT_TRUE(other == *a);
     EXPECT_EQ(other.GetFormattedMessage(), "m 1");
 
+    // Parameter blocks kept in the record and on the heap copy alike.
+    TraceMessage longParams;
+    longParams.Add(std::string(100, 'p').c_str());
+    Entry large;
+    large.Message("long %1").Parameters(longParams);
+    Trace big;
+    ASSERT_TRUE(large.CreateInto(big));
+    Trace bigCopy(big);
+    other = std::move(bigCopy);
+    EXPECT_TRUE(other == big);
+    EXPECT_FALSE(other == *a);
+    EXPECT_EQ(other.GetFormattedMessage(), "long " + std::string(100, 'p'));
+
     // Unsigned IDs, no wrap-around handling.
     EXPECT_FALSE(Trace::LessById(a, std::make_unique<Trace>(*a)));
     Trace high;
     ASSERT_TRUE(high.Create(0xFFFFFFFFu, 0, 0, 0, 0, 0, 0, 2, 0, 0, "a\0b", nullptr, nullptr));
     EXPECT_TRUE(Trace::LessById(a, std::make_unique<Trace>(high)));
+}
+
+// A reader makes and drops batches of records, often dropping them on another thread: the memory
+// of one batch serves the next instead of growing with every batch.
+TEST(TraceRecord, DroppedRecordsServeTheNextBatch) {
+    std::size_t blocks = 0;
+    for (int round = 0; round < 4; ++round) {
+        std::vector<std::unique_ptr<Trace>> batch;
+        for (int i = 0; i < 20000; ++i)
+            batch.push_back(std::make_unique<Trace>());
+        std::thread([&batch] { batch.clear(); }).join();
+        if (round == 1)
+            blocks = TracePool::GetBlockCount();
+    }
+    EXPECT_EQ(TracePool::GetBlockCount(), blocks);
 }
 
 }  // namespace Tracing

@@ -1,6 +1,9 @@
 // Writing: the entry format, the spill area, splitting, replacement, IDs and parameter cutting.
 #include <cstring>
+#include <set>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "StreamTestRing.h"
 #include "platform/EventLog.h"
@@ -132,6 +135,7 @@ TEST(TraceStreamWrite, TraceIdsAndTheFilledFlag) {
     ring.WriteText("after wrap");
     EXPECT_EQ(ring.EntryAt(0).TraceID, 1u) << "0 is skipped";
     const uint32_t second = ring.WriteIndex();
+    EXPECT_EQ(second, ring.EntryAt(0).Size) << "the wrap leaves no carry in the write index";
     ring.WriteText("given", 0, nullptr, 0, 500);
     ring.WriteText("next");
     EXPECT_EQ(ring.EntryAt(second).TraceID, 500u);
@@ -158,6 +162,40 @@ TEST(TraceStreamWrite, TraceIdsAndTheFilledFlag) {
     filling.WriteText(message.c_str());
     filling.WriteText(message.c_str());
     EXPECT_EQ(filling.header->GetRingBufferWasFilled().load(), 1);
+}
+
+// Per-buffer IDs and positions are drawn together; threads racing across the ID wrap must still
+// get back-to-back spans and distinct IDs, none 0.
+TEST(TraceStreamWrite, ConcurrentWritersAcrossTheIdWrap) {
+    constexpr int Writers = 4;
+    constexpr int PerWriter = 3000;
+    TestRing ring(1 << 20);
+    ring.header->GetAtomicTotalTraceCounter().store(0xFFFFFFFFu - Writers * PerWriter / 2);
+    std::vector<std::thread> threads;
+    for (int w = 0; w < Writers; ++w) {
+        threads.emplace_back([&ring, w] {
+            for (int i = 0; i < PerWriter; ++i) {
+                ParamList params;
+                params.Add(ParameterTypes::Int32, &w).Add(ParameterTypes::Int32, &i);
+                ring.Write("%1 %2", params);
+            }
+        });
+    }
+    for (std::thread& t : threads)
+        t.join();
+
+    std::set<uint32_t> ids;
+    uint32_t position = 0;
+    while (position < ring.WriteIndex() && ids.size() < Writers * PerWriter) {
+        const TraceData& entry = ring.EntryAt(position);
+        ASSERT_EQ(entry.TraceIndicator, TraceData::TraceIndicatorValue) << "at " << position;
+        ASSERT_NE(entry.TraceID, 0u);
+        ids.insert(entry.TraceID);
+        position += entry.Size;
+    }
+    EXPECT_EQ(position, ring.WriteIndex());
+    EXPECT_EQ(ids.size(), static_cast<size_t>(Writers * PerWriter));
+    EXPECT_EQ(ring.stream->GetTotalTraceCounter(), Writers * PerWriter / 2u);
 }
 
 TEST(TraceStreamWrite, OverlongParametersAreCutToFitOneEntry) {

@@ -102,7 +102,9 @@ TEST_F(ToolTest, TailCsvShowsEveryProducersTraces) {
     StartProducer("Orders");
     StartProducer("Billing");
     const std::string csv = TempFile("tail.csv");
-    ASSERT_EQ(Run({"tail", "--csv", "--duration", "3", "--output", csv}), 0);
+    std::string report;
+    ASSERT_EQ(Run({"tail", "--csv", "--duration", "3", "--output", csv}, &report), 0);
+    EXPECT_NE(report.find("traces delivered, 0 lost in 0 overflows"), std::string::npos) << report;
 
     std::ifstream in(csv);
     std::set<std::string> subsystems, modules;
@@ -135,10 +137,31 @@ TEST_F(ToolTest, TailCsvShowsEveryProducersTraces) {
     EXPECT_TRUE(modules.count("Network") && modules.count("Scheduler"));
     EXPECT_TRUE(requestSeen);
 
+    // Read back and written as log lines, every row is one trace.
+    const std::string log = TempFile("converted.log");
+    ASSERT_EQ(Run({"convert", csv, log}, &report), 0);
+    EXPECT_NE(report.find(std::to_string(rows - 1) + " traces converted"), std::string::npos) << report;
+
     std::string list;
     ASSERT_EQ(Run({"list"}, &list), 0);
     EXPECT_NE(list.find("Orders"), std::string::npos);
     EXPECT_NE(list.find("Billing"), std::string::npos);
+}
+
+TEST_F(ToolTest, ConvertCountsLinesThatAreNoTraces) {
+    const std::string noise = TempFile("noise.csv");
+    {
+        std::ofstream out(noise, std::ios::binary);
+        uint32_t state = 15;
+        for (int i = 0; i < 200000; ++i) {
+            state = state * 1664525u + 1013904223u;
+            out.put(static_cast<char>(state >> 24));
+        }
+    }
+    std::string report;
+    EXPECT_EQ(Run({"convert", noise, TempFile("noise.log")}, &report), 2);
+    EXPECT_NE(report.find("0 traces converted"), std::string::npos) << report;
+    EXPECT_NE(report.find("are not traces"), std::string::npos) << report;
 }
 
 TEST_F(ToolTest, FilterChangesReachTheRunningProducer) {
