@@ -20,6 +20,7 @@
 #include "Trace/Records/PrintMsg.h"
 #include "Trace/Records/TraceMessage.h"
 #include "Trace/Registry/TraceRegistry.h"
+#include "Trace/Runtime/TraceRuntime.h"
 #include "Trace/Time/TraceTimer.h"
 #include "paxltrace.h"
 #include "platform/Process.h"
@@ -58,15 +59,20 @@ int CreateEngine(TraceEngine& engine, const char* bufferName, const char* module
     engine.traceLocation = TraceProfileSHMHandler::GetInstance().WriteTraceLocation();
     TraceBuffer* buffer =
         registry.RegisterBuffer(bufferName, moduleName, TimestampMode::NotSet, moduleCount, 0, &bufferError);
-    if (buffer == nullptr)
+    // Held from here on, so that an unregistration cannot unmap what the engine points into.
+    if (buffer == nullptr || !registry.AddEngine(buffer))
         return TRACE_ENGINE_CANNOT_CREATE_BUFFER;
     TraceStream* stream = buffer->GetTraceStream();
-    if (stream == nullptr)
-        return TRACE_ENGINE_CANNOT_CREATE_BUFFER;
-    TraceModuleData* module = buffer->RegisterModule(moduleName, static_cast<Severity::Type>(severity), -1);
-    if (module == nullptr)
-        return buffer->IsMaxModulesReached() ? TRACE_ENGINE_MAX_MODULES_REACHED
-                                             : TRACE_ENGINE_CANNOT_CREATE_MODULE;
+    TraceModuleData* module =
+        stream != nullptr ? buffer->RegisterModule(moduleName, static_cast<Severity::Type>(severity), -1)
+                          : nullptr;
+    if (module == nullptr) {
+        const bool full = stream != nullptr && buffer->IsMaxModulesReached();
+        registry.RemoveEngine(buffer);
+        return stream == nullptr ? TRACE_ENGINE_CANNOT_CREATE_BUFFER
+               : full            ? TRACE_ENGINE_MAX_MODULES_REACHED
+                                 : TRACE_ENGINE_CANNOT_CREATE_MODULE;
+    }
     engine.buffer = buffer;
     engine.stream = stream;
     engine.module = module;
@@ -184,6 +190,16 @@ PAXLTRACE_API int trace_engine_create(const char* bufferName, const char* module
 }
 
 PAXLTRACE_API void trace_engine_destroy(TraceEngine* engine) {
+    // After the exit steps the buffer stays as it is; when the system has ended the other threads,
+    // maybe inside the registry's lock, the registry is not touched at all.
+    if (engine != nullptr && engine->buffer != nullptr && !TraceRuntime::IsShutDown() &&
+        !Platform::ProcessIsEnding()) {
+        try {
+            TraceRegistry::GetInstance().RemoveEngine(engine->buffer);
+        } catch (...) {
+            // The buffer stays mapped; nothing else is lost.
+        }
+    }
     delete engine;
 }
 
@@ -296,6 +312,14 @@ PAXLTRACE_API int trace_engine_write(TraceEngine* engine, const char* file, unsi
     // the call into the stream, so that this frame stays small.
     if (engine == nullptr || engine->stream == nullptr) [[unlikely]]
         return TRACE_ENGINE_NOT_CREATED;
+    // The buffer was unregistered: the stream reports the first such write and drops them all.
+    if (engine->stream->IsDeleted()) [[unlikely]] {
+        if (text != nullptr)
+            engine->stream->ReportWriteToDeletedStream(text);
+        else
+            engine->stream->ReportWriteToDeletedStream(binaryTextId);
+        return TRACE_ENGINE_BUFFER_ERROR;
+    }
     if (!engine->traceLocation) {
         file = nullptr;
         line = 0;

@@ -58,6 +58,9 @@ public:
 
     // Unmaps and closes; the block vanishes when this was its last holder. Never fails.
     void Close();
+    // As Close, but the mapping stays valid until the process ends: code still running at exit
+    // may use it, while the name goes as if the block were closed. The object ends up closed.
+    void Abandon();
 
     bool IsOpen() const { return m_data != nullptr; }
     void* Data() const { return m_data; }

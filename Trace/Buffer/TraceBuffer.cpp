@@ -12,7 +12,6 @@
 #include "Trace/Profiles/TraceProfileSHMHandler.h"
 #include "Trace/Records/Trace.h"
 #include "Trace/Records/TraceMessage.h"
-#include "Trace/Registry/TraceRegistry.h"
 #include "Trace/Time/TraceTimer.h"
 #include "platform/Process.h"
 #include "platform/Thread.h"
@@ -136,8 +135,16 @@ bool TraceBuffer::IsLocal() const {
     return IsLocal(GetHostName());
 }
 
+namespace {
+std::atomic<uint32_t*> globalTraceIDCounter{nullptr};
+}  // namespace
+
+void TraceBuffer::SetGlobalTraceIDCounter(uint32_t* counter) {
+    globalTraceIDCounter.store(counter, std::memory_order_release);
+}
+
 uint32_t* TraceBuffer::GlobalTraceCounter() const {
-    return m_header->GetGlobalTraceID() ? TraceRegistry::GetInstance().GetGlobalTraceIDCounter() : nullptr;
+    return m_header->GetGlobalTraceID() ? globalTraceIDCounter.load(std::memory_order_acquire) : nullptr;
 }
 
 TraceBuffer::ErrorType TraceBuffer::Create(int32_t bufferID, int64_t processID,

@@ -92,10 +92,13 @@ std::map<std::string, std::string> ReadConfigurationFile(const std::string& path
     return Internal::ParseConfigurationText(text);
 }
 
+std::atomic<void (*)()> namesChangedHandler{nullptr};
+
 // Buffers created before a name change carry the new name from now on. Before the registry
 // exists there are none, and a name set that early must not make it with the default size.
 void PropagateNames() {
-    TraceRegistry::UpdateNamesOfAllCreatedBuffersIfCreated();
+    if (void (*handler)() = namesChangedHandler.load(std::memory_order_acquire))
+        handler();
 }
 
 }  // namespace
@@ -137,8 +140,9 @@ std::string ExecutableNameFromPath(std::string_view path) {
 }  // namespace Internal
 
 TraceConfigurationPrivate& TraceConfigurationPrivate::GetInstance() {
-    static TraceConfigurationPrivate instance;
-    return instance;
+    // Never destroyed: everything that runs at exit still reads it.
+    static TraceConfigurationPrivate* const instance = new TraceConfigurationPrivate;
+    return *instance;
 }
 
 TraceConfigurationPrivate::TraceConfigurationPrivate()
@@ -250,6 +254,10 @@ void TraceConfigurationPrivate::SetMaxNumberOfBuffers(unsigned count) {
 
 void TraceConfigurationPrivate::SetMaxNumberOfModules(unsigned count) {
     m_maxNumberOfModules.store(count != 0 ? count : DefaultMaxNumberOfModules, std::memory_order_relaxed);
+}
+
+void TraceConfigurationPrivate::SetNamesChangedHandler(void (*handler)()) {
+    namesChangedHandler.store(handler, std::memory_order_release);
 }
 
 bool TraceConfigurationPrivate::IsService() {

@@ -179,17 +179,10 @@ void TraceProfileSHMHandler::SHMConfigWriter::Visit(const TraceProfile::SubSyste
 // --- TraceProfileSHMHandler
 
 TraceProfileSHMHandler& TraceProfileSHMHandler::GetInstance() {
-    // Destroyed at exit, which releases the block: a block nobody holds vanishes. Not when the
-    // system has already ended the updater thread, maybe inside our lock: it releases the block then.
-    struct DestroyAtExit {
-        TraceProfileSHMHandler* handler;
-        ~DestroyAtExit() {
-            if (!Platform::ProcessIsEnding())
-                delete handler;
-        }
-    };
-    static const DestroyAtExit handler{new TraceProfileSHMHandler};
-    return *handler.handler;
+    // Never destroyed: code running at exit may still create buffers and engines, which read the
+    // profile. The name of its block goes with the others' at exit.
+    static TraceProfileSHMHandler* const handler = new TraceProfileSHMHandler;
+    return *handler;
 }
 
 // The registry is reached only on use, never here: diagnostics issued while the registry is set

@@ -4,8 +4,8 @@
 #include <string>
 
 #include "Trace/Engine/TraceConfigurationPrivate.h"
+#include "Trace/Records/ITraceRecordContext.h"
 #include "Trace/Records/TraceMessage.h"
-#include "Trace/Registry/TraceRegistry.h"
 #include "Trace/Time/TraceTimer.h"
 #include "paxltrace.h"
 #include "platform/Process.h"
@@ -35,7 +35,8 @@ void PrintMsg(Severity::Type severity, const TraceMessage& message, bool print) 
         std::ostream& out = problem ? std::cerr : std::cout;
         out << line << std::flush;
     }
-    TraceEngine* engine = TraceRegistry::GetEngine();
+    ITraceRecordContext* context = ITraceRecordContext::Get();
+    TraceEngine* engine = context != nullptr ? context->GetOwnEngine() : nullptr;
     if (engine == nullptr || trace_engine_get_module_id(engine) == 0xFFFFFFFFu ||
         trace_engine_get_severity(engine) < (severity & 7u))
         return;

@@ -375,6 +375,12 @@ void SharedMemoryBlock::Close() {
     m_path.clear();
 }
 
+void SharedMemoryBlock::Abandon() {
+    // Unmapped by the end of the process; the name goes with the last holder as in Close.
+    m_data = nullptr;
+    Close();
+}
+
 bool SharedMemoryBlock::IsSameObject(const SharedMemoryBlock& other) const {
     if (m_handle < 0 || other.m_handle < 0)
         return false;
