@@ -20,6 +20,7 @@
 #include "Trace/Records/PrintMsg.h"
 #include "Trace/Records/TraceMessage.h"
 #include "Trace/Registry/TraceRegistry.h"
+#include "Trace/Runtime/TraceRuntime.h"
 #include "Trace/Time/TraceTimer.h"
 #include "paxltrace.h"
 #include "platform/Process.h"
@@ -49,7 +50,7 @@ unsigned* FilterWordAddress(TraceModuleData* module) {
 
 // Binds the engine to a module slot of this process's buffer of that name.
 int CreateEngine(TraceEngine& engine, const char* bufferName, const char* moduleName, unsigned moduleCount,
-                 unsigned severity) {
+                 unsigned severity, TraceBuffer::ErrorType& bufferError) {
     if (engine.buffer != nullptr)
         return TRACE_ENGINE_ALREADY_CREATED;
     // The registry first: the profile handler may reach for it under its own lock, and another
@@ -57,16 +58,21 @@ int CreateEngine(TraceEngine& engine, const char* bufferName, const char* module
     TraceRegistry& registry = TraceRegistry::GetInstance();
     engine.traceLocation = TraceProfileSHMHandler::GetInstance().WriteTraceLocation();
     TraceBuffer* buffer =
-        registry.RegisterBuffer(bufferName, moduleName, TimestampMode::NotSet, moduleCount, 0, nullptr);
-    if (buffer == nullptr)
+        registry.RegisterBuffer(bufferName, moduleName, TimestampMode::NotSet, moduleCount, 0, &bufferError);
+    // Held from here on, so that an unregistration cannot unmap what the engine points into.
+    if (buffer == nullptr || !registry.AddEngine(buffer))
         return TRACE_ENGINE_CANNOT_CREATE_BUFFER;
     TraceStream* stream = buffer->GetTraceStream();
-    if (stream == nullptr)
-        return TRACE_ENGINE_CANNOT_CREATE_BUFFER;
-    TraceModuleData* module = buffer->RegisterModule(moduleName, static_cast<Severity::Type>(severity), -1);
-    if (module == nullptr)
-        return buffer->IsMaxModulesReached() ? TRACE_ENGINE_MAX_MODULES_REACHED
-                                             : TRACE_ENGINE_CANNOT_CREATE_MODULE;
+    TraceModuleData* module =
+        stream != nullptr ? buffer->RegisterModule(moduleName, static_cast<Severity::Type>(severity), -1)
+                          : nullptr;
+    if (module == nullptr) {
+        const bool full = stream != nullptr && buffer->IsMaxModulesReached();
+        registry.RemoveEngine(buffer);
+        return stream == nullptr ? TRACE_ENGINE_CANNOT_CREATE_BUFFER
+               : full            ? TRACE_ENGINE_MAX_MODULES_REACHED
+                                 : TRACE_ENGINE_CANNOT_CREATE_MODULE;
+    }
     engine.buffer = buffer;
     engine.stream = stream;
     engine.module = module;
@@ -82,7 +88,8 @@ int CreateEngine(TraceEngine& engine, const char* bufferName, const char* module
                                                                  : TRACE_ENGINE_OK;
 }
 
-[[gnu::cold]] void PrintCreateWarning(const char* bufferName, const char* moduleName, int result) {
+[[gnu::cold]] void PrintCreateWarning(const char* bufferName, const char* moduleName, int result,
+                                      TraceBuffer::ErrorType bufferError) {
     try {
         const char* application = TraceConfigurationPrivate::GetInstance().GetApplicationName();
         Internal::PrintMsg(
@@ -94,6 +101,14 @@ int CreateEngine(TraceEngine& engine, const char* bufferName, const char* module
                 .Add(static_cast<int32_t>(result))
                 .Add(trace_engine_error_text(static_cast<unsigned>(result))),
             true);
+        // Code 2 alone does not say why; a full registry is the one cause an administrator can fix.
+        if (bufferError == TraceBuffer::NoFreeRegistryItem)
+            Internal::PrintMsg(Severity::Warning,
+                               TraceMessage("WARNING: The trace registry is full: all %1 buffers are in use "
+                                            "(TRACE_MAX_BUFFERS=%2 in this process).")
+                                   .Add(TraceRegistry::GetInstance().GetSizeOfBufferArray())
+                                   .Add(TraceConfigurationPrivate::GetInstance().GetMaxNumberOfBuffers()),
+                               true);
     } catch (...) {
         // A warning that cannot be printed is dropped.
     }
@@ -151,12 +166,13 @@ PAXLTRACE_API int trace_engine_create(const char* bufferName, const char* module
                                       unsigned severity, bool printWarning, TraceEngine** engine,
                                       unsigned** filterWord) {
     int result = TRACE_ENGINE_INVALID_ARGUMENTS;
+    TraceBuffer::ErrorType bufferError = TraceBuffer::Success;
     if (!IsEmpty(bufferName) && !IsEmpty(moduleName) && engine != nullptr) {
         try {
             char name[Internal::ShmNameFieldSize];
             Internal::CopyShmName(name, bufferName);
             auto created = std::make_unique<TraceEngine>();
-            result = CreateEngine(*created, name, moduleName, moduleCount, severity);
+            result = CreateEngine(*created, name, moduleName, moduleCount, severity, bufferError);
             if (result == TRACE_ENGINE_OK || result == TRACE_ENGINE_TEXT_TOO_LONG) {
                 if (std::strlen(bufferName) > Internal::ShmNameMaxLength)
                     result = TRACE_ENGINE_TEXT_TOO_LONG;
@@ -169,11 +185,21 @@ PAXLTRACE_API int trace_engine_create(const char* bufferName, const char* module
         }
     }
     if (printWarning && result != TRACE_ENGINE_OK && result != TRACE_ENGINE_TEXT_TOO_LONG)
-        PrintCreateWarning(bufferName, moduleName, result);
+        PrintCreateWarning(bufferName, moduleName, result, bufferError);
     return result;
 }
 
 PAXLTRACE_API void trace_engine_destroy(TraceEngine* engine) {
+    // After the exit steps the buffer stays as it is; when the system has ended the other threads,
+    // maybe inside the registry's lock, the registry is not touched at all.
+    if (engine != nullptr && engine->buffer != nullptr && !TraceRuntime::IsShutDown() &&
+        !Platform::ProcessIsEnding()) {
+        try {
+            TraceRegistry::GetInstance().RemoveEngine(engine->buffer);
+        } catch (...) {
+            // The buffer stays mapped; nothing else is lost.
+        }
+    }
     delete engine;
 }
 
@@ -211,12 +237,13 @@ PAXLTRACE_API unsigned char trace_engine_register_flag_checked(TraceEngine* engi
 }
 
 PAXLTRACE_API bool trace_engine_set_flag(TraceEngine* engine, unsigned flagBit, bool on) {
+    // The bit narrows to a byte as every flag bit does in the interface: 260 names bit 4.
+    const auto bit = static_cast<uint8_t>(flagBit);
     if (engine == nullptr || engine->module == nullptr || engine->buffer == nullptr ||
-        flagBit > TraceModuleData::LastFlagBit ||
-        !engine->module->IsFlagRegistered(static_cast<uint8_t>(flagBit)))
+        !engine->module->IsFlagRegistered(bit))
         return false;
     try {
-        engine->buffer->SetFlag(engine->moduleID, on, static_cast<uint8_t>(flagBit));
+        engine->buffer->SetFlag(engine->moduleID, on, bit);
         return true;
     } catch (...) {
         return false;
@@ -285,6 +312,14 @@ PAXLTRACE_API int trace_engine_write(TraceEngine* engine, const char* file, unsi
     // the call into the stream, so that this frame stays small.
     if (engine == nullptr || engine->stream == nullptr) [[unlikely]]
         return TRACE_ENGINE_NOT_CREATED;
+    // The buffer was unregistered: the stream reports the first such write and drops them all.
+    if (engine->stream->IsDeleted()) [[unlikely]] {
+        if (text != nullptr)
+            engine->stream->ReportWriteToDeletedStream(text);
+        else
+            engine->stream->ReportWriteToDeletedStream(binaryTextId);
+        return TRACE_ENGINE_BUFFER_ERROR;
+    }
     if (!engine->traceLocation) {
         file = nullptr;
         line = 0;

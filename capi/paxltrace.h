@@ -164,8 +164,14 @@ PAXLTRACE_API unsigned trace_engine_get_buffer_id(TraceEngine* engine);
 PAXLTRACE_API unsigned trace_engine_get_module_id(TraceEngine* engine);
 /*
  * Writes one trace without testing the filter word. With text null the entry carries
- * binaryTextId instead. String parameters too long for one entry are shortened in place.
- * Returns 0, or 4 for an engine that was not created.
+ * binaryTextId instead. Returns 0, or 4 for an engine that was not created, or 5
+ * (TRACE_ENGINE_BUFFER_ERROR) when the engine's buffer has been unregistered: the trace is
+ * dropped, and the first such write is reported to the event log. The engine and its filter word
+ * stay valid until it is destroyed.
+ * Limits of one entry: at most 9 parameters are written (further ones are left out); parameters
+ * of type 0 or above 12 are left out; the parameters share 2000 bytes, so string parameters too
+ * long for them are shortened in place (ending in "...") or replaced by a "too long" mark; a file
+ * name longer than 250 characters keeps its last 250; messages longer than one entry are split.
  */
 PAXLTRACE_API int trace_engine_write(TraceEngine* engine, const char* file, unsigned line,
                                      unsigned severityWord, const char* text, unsigned long long binaryTextId,

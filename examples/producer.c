@@ -36,7 +36,9 @@ typedef struct Producer {
     long count;
     long pace;
     long progress;
-    volatile int stopWatching;
+    /* The severity watcher runs until the main thread says stop; C99 has no atomics. */
+    pthread_mutex_t stopLock;
+    int stopWatching;
 } Producer;
 
 typedef struct Writer {
@@ -104,10 +106,18 @@ static void* write_traces(void* argument) {
     return NULL;
 }
 
+static int should_stop_watching(Producer* producer) {
+    int stop;
+    pthread_mutex_lock(&producer->stopLock);
+    stop = producer->stopWatching;
+    pthread_mutex_unlock(&producer->stopLock);
+    return stop;
+}
+
 static void* watch_severity(void* argument) {
     Producer* producer = (Producer*)argument;
     unsigned shown = 0xFFFFFFFFu;
-    while (!producer->stopWatching) {
+    while (!should_stop_watching(producer)) {
         unsigned severity = *producer->filterWord & 7u;
         if (severity != shown) {
             shown = severity;
@@ -155,6 +165,7 @@ int main(int argc, char** argv) {
     if (argc < 5)
         return usage();
     memset(&producer, 0, sizeof producer);
+    pthread_mutex_init(&producer.stopLock, NULL);
     producer.bufferName = argv[1];
     producer.moduleName = argv[2];
     producer.count = atol(argv[3]);
@@ -214,9 +225,12 @@ int main(int argc, char** argv) {
             run_commands(&producer, 0);
     }
     if (wait) {
+        pthread_mutex_lock(&producer.stopLock);
         producer.stopWatching = 1;
+        pthread_mutex_unlock(&producer.stopLock);
         pthread_join(watcher, NULL);
     }
     trace_engine_destroy(producer.engine);
+    pthread_mutex_destroy(&producer.stopLock);
     return 0;
 }

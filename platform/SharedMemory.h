@@ -9,7 +9,9 @@
 //   is free again ("not found" to openers, creatable anew).
 // - A leading "Global\" (or "Local\") names the namespace of the OS; where the OS has only one,
 //   "Global\X" and "X" are the same block.
-// - Failures come back as a class, the OS error code and the name of the failed OS call.
+// - Failures come back as a class, the OS error code and the name of the failed operation:
+//   "CreateFileMapping", "OpenFileMapping" or "MapViewOfFile" on every OS (Windows also names
+//   the account and security calls of Create).
 //
 // An object is used by one thread at a time.
 #pragma once
@@ -24,7 +26,7 @@ enum class ShmErrorKind { None, NotFound, AccessDenied, AlreadyExists, Other };
 struct ShmError {
     ShmErrorKind kind = ShmErrorKind::None;
     int code = 0;                    // the OS error code (errno / GetLastError); 0 when none
-    const char* function = nullptr;  // static name of the failed OS call; null when none
+    const char* function = nullptr;  // static name of the failed operation; null when none
 
     bool Failed() const { return kind != ShmErrorKind::None; }
 };
@@ -56,6 +58,9 @@ public:
 
     // Unmaps and closes; the block vanishes when this was its last holder. Never fails.
     void Close();
+    // As Close, but the mapping stays valid until the process ends: code still running at exit
+    // may use it, while the name goes as if the block were closed. The object ends up closed.
+    void Abandon();
 
     bool IsOpen() const { return m_data != nullptr; }
     void* Data() const { return m_data; }

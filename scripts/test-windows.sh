@@ -10,7 +10,7 @@ export WINEPREFIX="$PWD/$dir/wineprefix"
 export WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml="
 # No benchmarks: Google Benchmark comes only as a Linux build.
 cmake -S . -B "$dir" -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64.cmake -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  -DPAXLTRACE_WINEPREFIX="$WINEPREFIX" -DPAXLTRACE_BUILD_BENCH=OFF
+  -DPAXLTRACE_WINEPREFIX="$WINEPREFIX" -DPAXLTRACE_BUILD_BENCH=OFF -DPAXLTRACE_WERROR=ON
 jobs=$(nproc 2>/dev/null || echo 2)
 cmake --build "$dir" -j"$jobs"
 

@@ -43,6 +43,12 @@ std::string Fill(const TraceBufferInfo& info) {
     return std::to_string(static_cast<uint64_t>(info.WriteIndex) * 100 / info.RingBufferSize) + "%";
 }
 
+// Traces written: only a buffer with trace IDs of its own counts them; with machine-wide IDs its
+// counter stays 0, which would read as "nothing written".
+std::string Traces(const TraceBufferInfo& info) {
+    return info.GlobalTraceID ? "-" : std::to_string(info.TotalTraceCounter);
+}
+
 int RunList() {
     WaitForRegistryUpdate();
     std::vector<std::unique_ptr<TraceBufferInfo>> infos;
@@ -54,12 +60,12 @@ int RunList() {
         if (info->ProcessID == CurrentProcess()) {
             continue;
         }
-        std::printf("%-8d %-8lld %-12s %-12s %-16s %-16s %3u/%-4u %-10u %-8s %u\n", info->BufferID,
+        std::printf("%-8d %-8lld %-12s %-12s %-16s %-16s %3u/%-4u %-10u %-8s %s\n", info->BufferID,
                     static_cast<long long>(info->ProcessID),
                     info->IsLocal() ? "(local)" : info->HostName.c_str(), OrDash(info->SystemName).c_str(),
                     OrDash(info->ApplicationName).c_str(), OrDash(info->SubSystemName).c_str(),
                     info->ModuleCount, info->SizeOfModuleArray, info->RingBufferSize, Fill(*info).c_str(),
-                    info->TotalTraceCounter);
+                    Traces(*info).c_str());
     }
     return ExitOk;
 }
@@ -225,9 +231,10 @@ std::optional<Severity::Type> ParseSeverity(const std::string& text) {
 }
 
 void AddBufferCommands(CLI::App& app, Action& action) {
-    app.add_subcommand("list", "List the trace buffers of this machine")->callback([&action] {
-        action = [] { return RunList(); };
-    });
+    app.add_subcommand("list",
+                       "List the trace buffers of this machine (Traces: traces written, '-' for "
+                       "buffers with machine-wide trace IDs, which count none of their own)")
+        ->callback([&action] { action = [] { return RunList(); }; });
 
     auto modules = std::make_shared<FilterTarget>();
     CLI::App* modulesCommand =

@@ -23,6 +23,61 @@ std::string ProfileError::Format(const std::string& source) const {
 
 namespace {
 
+// The deepest sensible path is host.H.application.A.subsystem.S.module.M.flags.F (10 parts);
+// the parser recurses per level, so far deeper nesting is refused before it runs.
+constexpr unsigned MaxNesting = 32;
+// What one buffer holds: 28 flag slots per module, and as many modules as max_modules allows.
+constexpr size_t MaxFlagsPerModule = 28;
+constexpr size_t MaxModulesPerSubSystem = std::numeric_limits<uint16_t>::max();
+
+// Finds the first place where keys have more parts, or arrays and tables lie deeper within each
+// other, than MaxNesting. Strings and comments are skipped; dots are counted per key run.
+bool CheckNesting(std::string_view text, ProfileError& error) {
+    unsigned line = 1;
+    size_t lineStart = 0;
+    unsigned depth = 0;
+    unsigned dots = 0;
+    const auto fail = [&](size_t at, const char* what) {
+        error = {std::string(what) + " nest deeper than " + std::to_string(MaxNesting) + " levels", line,
+                 static_cast<unsigned>(at - lineStart + 1)};
+        return false;
+    };
+    for (size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if (c == '\n') {
+            ++line;
+            lineStart = i + 1;
+            dots = 0;
+        } else if (c == '#') {
+            while (i + 1 < text.size() && text[i + 1] != '\n')
+                ++i;
+        } else if (c == '"' || c == '\'') {
+            const bool triple = text.substr(i, 3) == std::string_view(c == '"' ? "\"\"\"" : "'''");
+            const std::string_view close = triple ? text.substr(i, 3) : text.substr(i, 1);
+            for (i += close.size(); i < text.size() && text.substr(i, close.size()) != close; ++i) {
+                if (c == '"' && text[i] == '\\' && i + 1 < text.size())
+                    ++i;  // an escaped character, perhaps a line break
+                if (text[i] == '\n') {
+                    ++line;
+                    lineStart = i + 1;
+                }
+            }
+            i += close.size() - 1;
+        } else if (c == '[' || c == '{') {
+            if (++depth > MaxNesting)
+                return fail(i, "arrays and tables");
+            dots = 0;
+        } else if (c == ']' || c == '}') {
+            depth = depth > 0 ? depth - 1 : 0;
+        } else if (c == '=' || c == ',') {
+            dots = 0;
+        } else if (c == '.' && ++dots >= MaxNesting) {
+            return fail(i, "dotted keys");
+        }
+    }
+    return true;
+}
+
 const char* const SeverityHint = "a severity name (Fatal, Error, Warning, Info, Verbose, Debug, Call) or 1-7";
 
 class Parser {
@@ -194,6 +249,12 @@ private:
                 Unknown(key, "in a subsystem");
                 continue;
             }
+            if (const toml::table* modules = node.as_table();
+                modules != nullptr && modules->size() > MaxModulesPerSubSystem) {
+                Error(key.source(), "a subsystem holds at most " + std::to_string(MaxModulesPerSubSystem) +
+                                        " modules, not " + std::to_string(modules->size()));
+                continue;
+            }
             ForEachChild(key, node, [&](const toml::key& name, const toml::table& child) {
                 TraceProfile::Module* module = subSystem.CreateModule(std::string(name.str()));
                 if (module == nullptr) {
@@ -216,6 +277,11 @@ private:
                 const toml::table* flags = node.as_table();
                 if (flags == nullptr) {
                     Error(node.source(), "'flags' must be a table of name = true|false");
+                    continue;
+                }
+                if (flags->size() > MaxFlagsPerModule) {
+                    Error(node.source(), "a module holds at most " + std::to_string(MaxFlagsPerModule) +
+                                             " flags, not " + std::to_string(flags->size()));
                     continue;
                 }
                 for (auto&& [name, value] : *flags) {
@@ -309,6 +375,10 @@ void PrintSwitch(std::ostream& out, const char* key, uint32_t value) {
 bool ParseProfile(std::string_view text, TraceProfile& profile, std::vector<ProfileError>& errors) {
     profile.Clear();
     const size_t errorsBefore = errors.size();
+    if (ProfileError nesting; !CheckNesting(text, nesting)) {
+        errors.push_back(std::move(nesting));
+        return false;
+    }
     try {
         toml::table root = toml::parse(text);
         Parser(errors).Root(root, profile);

@@ -8,6 +8,7 @@ int main(int argc, char** argv) {
     CLI::App app("paxltrace - machine-wide tracing: list buffers, tail traces, change filters, load profiles",
                  "paxltrace");
     app.require_subcommand(1);
+    app.set_version_flag("--version", "paxltrace " PAXLTRACE_VERSION, "Print the version and exit");
     // Options start with '-' on every system: "/path/file" is a file, also on Windows.
     app.allow_windows_style_options(false);
     app.footer(
@@ -28,6 +29,8 @@ int main(int argc, char** argv) {
     } catch (const CLI::CallForHelp& e) {
         return app.exit(e);
     } catch (const CLI::CallForAllHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::CallForVersion& e) {
         return app.exit(e);
     } catch (const CLI::ParseError& e) {
         app.exit(e);

@@ -12,7 +12,6 @@
 #include "Trace/Profiles/TraceProfileSHMHandler.h"
 #include "Trace/Records/Trace.h"
 #include "Trace/Records/TraceMessage.h"
-#include "Trace/Registry/TraceRegistry.h"
 #include "Trace/Time/TraceTimer.h"
 #include "platform/Process.h"
 #include "platform/Thread.h"
@@ -136,8 +135,16 @@ bool TraceBuffer::IsLocal() const {
     return IsLocal(GetHostName());
 }
 
+namespace {
+std::atomic<uint32_t*> globalTraceIDCounter{nullptr};
+}  // namespace
+
+void TraceBuffer::SetGlobalTraceIDCounter(uint32_t* counter) {
+    globalTraceIDCounter.store(counter, std::memory_order_release);
+}
+
 uint32_t* TraceBuffer::GlobalTraceCounter() const {
-    return m_header->GetGlobalTraceID() ? TraceRegistry::GetInstance().GetGlobalTraceIDCounter() : nullptr;
+    return m_header->GetGlobalTraceID() ? globalTraceIDCounter.load(std::memory_order_acquire) : nullptr;
 }
 
 TraceBuffer::ErrorType TraceBuffer::Create(int32_t bufferID, int64_t processID,
@@ -174,9 +181,6 @@ TraceBuffer::ErrorType TraceBuffer::Create(int32_t bufferID, int64_t processID,
         mode = record->GetTimestampMode();
     if (mode == TimestampMode::NotSet)
         mode = configuration.GetTimestampMode();
-    // A configuration initialised with mode 0 must not leave writers without a clock.
-    if (mode == TimestampMode::NotSet)
-        mode = TraceConfigurationPrivate::DefaultTimestampMode;
 
     uint32_t moduleCount = maxModules;
     if (record != nullptr && record->GetProfileMaxModules() != 0)
@@ -236,17 +240,6 @@ TraceBuffer::ErrorType TraceBuffer::Create(int32_t bufferID, int64_t processID,
                   << ", res: " << static_cast<unsigned>(result) << std::endl;
         Detach();
         return SharedMemoryFailed;
-    }
-
-    if (record != nullptr) {
-        // Preset modules carry module IDs of their own; new ones must not reuse them.
-        int32_t nextID = header->GetAtomicNextFreeModuleID().load(std::memory_order_seq_cst);
-        for (uint32_t i = 0; i < moduleCount; ++i) {
-            const TraceModuleData* slot = header->GetModule(i);
-            if (slot->IsActivated() && slot->GetModuleID() >= nextID)
-                nextID = slot->GetModuleID() + 1;
-        }
-        header->GetAtomicNextFreeModuleID().store(nextID, std::memory_order_seq_cst);
     }
 
     // A remote buffer numbers its own traces: the machine-wide counter belongs to this host.
@@ -700,11 +693,13 @@ uint32_t TraceBuffer::InitialFilterState(const char* name, Severity::Type severi
             preset != nullptr && (preset->GetFilterState() & Severity::Mask) != 0)
             return preset->GetFilterState() & Severity::Mask;
     }
-    if ((m_profileSeverity & Severity::Mask) != 0)
-        return m_profileSeverity & Severity::Mask;
-    if ((severity & Severity::Mask) != 0)
-        return severity & Severity::Mask;
-    return TraceConfigurationPrivate::GetInstance().GetSeverityFilter() & Severity::Mask;
+    // The rest as given: the filter word is what the caller or the configuration asked for, even
+    // when a larger value also sets flag bits.
+    if (m_profileSeverity != 0)
+        return m_profileSeverity;
+    if (severity != 0)
+        return severity;
+    return TraceConfigurationPrivate::GetInstance().GetSeverityFilter();
 }
 
 std::optional<bool> TraceBuffer::ProfileFlagState(const TraceModuleData& module, const char* flagName) const {
@@ -947,10 +942,13 @@ TraceBuffer::ErrorType TraceBuffer::WriteTrace(const Trace& trace) {
                         trace.GetSeverityMask(), fileName, trace.GetLineNumber(), trace.GetBinaryTraceID(),
                         message.GetParameterCount(), message.GetParameters());
     } else {
+        // A record read from a file has no message of its own, only the text it showed: that text
+        // goes into the ring rather than nothing.
+        const std::string& text =
+            trace.GetMessageString().empty() ? trace.GetFormattedMessage() : trace.GetMessageString();
         m_stream->Write(trace.GetID(), trace.GetModuleID(), trace.GetThreadID(), trace.GetTimestamp(),
-                        trace.GetSeverityMask(), fileName, trace.GetLineNumber(),
-                        trace.GetMessageString().c_str(), message.GetParameterCount(),
-                        message.GetParameters(), 0);
+                        trace.GetSeverityMask(), fileName, trace.GetLineNumber(), text.c_str(),
+                        message.GetParameterCount(), message.GetParameters(), 0);
     }
     return Success;
 }
@@ -1103,6 +1101,7 @@ void TraceBuffer::GetInfo(TraceBufferInfo& info) const {
     info.Mode = m_header->GetTimestampMode();
     info.WriteIndex = m_header->GetAtomicWriteIndex().load(std::memory_order_seq_cst);
     info.TotalTraceCounter = m_header->GetAtomicTotalTraceCounter().load(std::memory_order_seq_cst);
+    info.GlobalTraceID = m_header->GetGlobalTraceID();
     info.ReuseFilterState = m_header->GetReuseFilterState();
     info.ConsumerAttached = m_header->GetConsumerAttached().load(std::memory_order_seq_cst) != 0;
     info.Initialized = m_header->GetInitializedFlag().load(std::memory_order_seq_cst) == 1;

@@ -198,6 +198,9 @@ public:
     }
     static bool IsServiceID(int32_t id) { return (id & ServiceIDBit) != 0; }
     static bool IsLocal(const char* hostName);
+    // The machine-wide trace-ID counter for buffers with global trace IDs; the registry hands it
+    // over once its block exists (null: such buffers count in their own header).
+    static void SetGlobalTraceIDCounter(uint32_t* counter);
 
 private:
     // What this process last saw of a module slot.

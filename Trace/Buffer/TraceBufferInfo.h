@@ -28,7 +28,9 @@ struct TraceBufferInfo {
     uint32_t ModuleCount = 0;
     TimestampMode::Type Mode = TimestampMode::NotSet;
     uint32_t WriteIndex = 0;
+    // Traces written, counted only by a buffer that draws its own trace IDs (GlobalTraceID false).
     uint32_t TotalTraceCounter = 0;
+    bool GlobalTraceID = false;
     bool ReuseFilterState = false;
     bool ConsumerAttached = false;
     bool Initialized = false;

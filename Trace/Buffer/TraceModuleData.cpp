@@ -49,7 +49,9 @@ bool TraceModuleData::SetSeverityMask(uint32_t mask) {
 }
 
 bool TraceModuleData::SetSeverity(Severity::Type severity) {
-    const uint32_t value = severity & SeverityMask;
+    // Compared by its severity bits but stored as given, so a value above 7 also sets bit 3 or
+    // flag bits, as the caller asked.
+    const uint32_t value = static_cast<uint32_t>(severity);
     const uint32_t state = GetFilterState();
     if ((state & SeverityMask) == value)
         return false;

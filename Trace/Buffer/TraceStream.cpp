@@ -203,6 +203,13 @@ inline void TraceStream::PlanLocation(EntryPlan& plan, const char* fileName) {
 void TraceStream::Write(uint32_t traceID, int32_t moduleID, uint32_t threadID, uint64_t timestamp,
                         uint32_t severityMask, const char* fileName, uint32_t lineNumber, const char* message,
                         uint8_t parameterCount, ::TraceParameter* parameters, uint32_t firstPartID) {
+    // One relaxed load, no lock: a deleted stream's memory stays mapped while engines hold it, so a
+    // writer that races the deletion still writes into valid memory; the flag only stops writes
+    // that come after it.
+    if (IsDeleted()) [[unlikely]] {
+        ReportWriteToDeletedStream(message);
+        return;
+    }
     if (message == nullptr) [[unlikely]]
         message = "";
     EntryPlan plan;
@@ -231,6 +238,10 @@ void TraceStream::Write(uint32_t traceID, int32_t moduleID, uint32_t threadID, u
 void TraceStream::Write(uint32_t traceID, int32_t moduleID, uint32_t threadID, uint64_t timestamp,
                         uint32_t severityMask, const char* fileName, uint32_t lineNumber,
                         const uint64_t& binaryTraceId, uint8_t parameterCount, ::TraceParameter* parameters) {
+    if (IsDeleted()) [[unlikely]] {
+        ReportWriteToDeletedStream(binaryTraceId);
+        return;
+    }
     EntryPlan plan;
     plan.traceID = traceID;
     plan.moduleID = moduleID;
@@ -557,12 +568,16 @@ uint32_t TraceStream::TakeBackCounterCarry() {
 }
 
 void TraceStream::ReportWriteToDeletedStream(const char* message) {
+    if (m_deletedReported.exchange(true, std::memory_order_relaxed))
+        return;
     TraceMessage text("Failed to write trace message to stream. Object is already deleted.\n%1");
-    text.Add(message);
+    text.Add(message != nullptr ? message : "");
     Platform::WriteEventLog(Platform::EventType::Warning, "TraceStream", "", text.Format().c_str());
 }
 
 void TraceStream::ReportWriteToDeletedStream(uint64_t binaryTraceId) {
+    if (m_deletedReported.exchange(true, std::memory_order_relaxed))
+        return;
     TraceMessage text("Failed to write binary trace message (%1) to stream. Object is already deleted.");
     text.Add(binaryTraceId);
     Platform::WriteEventLog(Platform::EventType::Warning, "TraceStream", "", text.Format().c_str());

@@ -88,9 +88,13 @@ public:
                uint32_t severityMask, const char* fileName, uint32_t lineNumber,
                const uint64_t& binaryTraceId, uint8_t parameterCount, ::TraceParameter* parameters);
 
-    // Event-log reports for a write through a stream that is already gone (the owner calls them).
-    [[gnu::cold]] static void ReportWriteToDeletedStream(const char* message);
-    [[gnu::cold]] static void ReportWriteToDeletedStream(uint64_t binaryTraceId);
+    // The buffer was unregistered while engines still hold the stream: the memory stays mapped
+    // for them, but every further write is dropped, and the first one reported to the event log.
+    void MarkDeleted() { m_deleted.store(true, std::memory_order_relaxed); }
+    bool IsDeleted() const { return m_deleted.load(std::memory_order_relaxed); }
+    // The event-log report of a write through a deleted stream; only the first one is reported.
+    [[gnu::cold]] void ReportWriteToDeletedStream(const char* message);
+    [[gnu::cold]] void ReportWriteToDeletedStream(uint64_t binaryTraceId);
 
     // Connects a cursor: positions it on the oldest intact entry, or behind startTraceID when that
     // is given. ReaderAlreadyConnected when the cursor belongs to another buffer.
@@ -223,6 +227,8 @@ private:
     const char* m_spillEnd;
     uint32_t m_maxSplitLength;  // longest message (with parameters and location) that is split
     uint32_t m_idTolerance;     // how far behind the cursor a concurrently written entry may be
+    std::atomic<bool> m_deleted{false};
+    std::atomic<bool> m_deletedReported{false};
     // The shared words a write touches, resolved once so that a write does not chase the header.
     std::atomic_ref<uint32_t> m_writeIndex;
     std::atomic_ref<uint32_t> m_traceIdCounter;

@@ -1,17 +1,20 @@
 #include "Trace/Engine/TraceConfigurationPrivate.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
+#include <iostream>
 #include <ostream>
-#include <sstream>
 
 #include "Trace/Buffer/TraceBufferData.h"
+#include "Trace/Diagnostics/TraceDiagnostics.h"
+#include "Trace/Records/TraceMessage.h"
 #include "Trace/Registry/TraceRegistry.h"
 #include "Trace/Registry/TraceRegistryData.h"
 #include "platform/ExecutablePath.h"
 #include "platform/Process.h"
+#include "platform/TextFile.h"
 
 namespace Tracing {
 
@@ -41,21 +44,61 @@ bool ParseUnsigned(const std::string& value, unsigned& number) {
     return std::sscanf(value.c_str(), "%u", &number) == 1;
 }
 
-std::map<std::string, std::string> ReadConfigurationFile(const std::string& path) {
-    if (path.empty())
-        return {};
-    std::ifstream file(path, std::ios::in | std::ios::binary);
-    if (!file)
-        return {};
-    std::ostringstream text;
-    text << file.rdbuf();
-    return Internal::ParseConfigurationText(text.str());
+// TRACE_STREAM_SIZE as "%u" reads it, but checked: below the smallest ring the smallest one is
+// taken, and what cannot be meant (negative, above the largest ring, no number) gives the default
+// rather than a wrapped value or a 2 GB ring per buffer. 0 quietly means the default.
+uint32_t StreamSizeFrom(const std::string& value, std::string& problem) {
+    constexpr uint32_t Min = TraceConfigurationPrivate::MinTraceStreamSize;
+    constexpr uint32_t Max = TraceConfigurationPrivate::MaxTraceStreamSize;
+    constexpr uint32_t Default = TraceConfigurationPrivate::DefaultTraceStreamSize;
+    const std::string_view text = Trim(value);
+    size_t i = text.starts_with('+') || text.starts_with('-') ? 1 : 0;
+    uint64_t number = 0;
+    const size_t digitsStart = i;
+    for (; i < text.size() && text[i] >= '0' && text[i] <= '9'; ++i)
+        number = std::min<uint64_t>(number * 10 + static_cast<uint64_t>(text[i] - '0'), uint64_t{1} << 40);
+    const std::string range = " (" + std::to_string(Min) + " to " + std::to_string(Max) + " bytes)";
+    if (i == digitsStart) {
+        problem = "is not a number of bytes" + range + "; the default of " + std::to_string(Default) +
+                  " bytes is used";
+        return Default;
+    }
+    if (number == 0)
+        return Default;
+    if (text.starts_with('-') || number > Max) {
+        problem =
+            "is out of range" + range + "; the default of " + std::to_string(Default) + " bytes is used";
+        return Default;
+    }
+    if (number < Min) {
+        problem =
+            "is out of range" + range + "; the smallest ring of " + std::to_string(Min) + " bytes is used";
+        return Min;
+    }
+    return static_cast<uint32_t>(number);
 }
+
+[[gnu::cold]] void WarnAboutSetting(const char* name, const std::string& value, const std::string& problem) {
+    const std::string text = std::string(name) + "=" + value + " " + problem + ".";
+    // Straight to the stream: the configuration is being made, so nothing that asks for it may run.
+    std::cerr << "WARNING: (" << Platform::CurrentProcessId() << ") " << text << std::endl;
+    TraceDiagnostics::GetInstance().Warning(TraceMessage("%1").Add(text));
+}
+
+std::map<std::string, std::string> ReadConfigurationFile(const std::string& path) {
+    std::string text;
+    if (path.empty() || !Platform::ReadWholeFile(path, text))
+        return {};
+    return Internal::ParseConfigurationText(text);
+}
+
+std::atomic<void (*)()> namesChangedHandler{nullptr};
 
 // Buffers created before a name change carry the new name from now on. Before the registry
 // exists there are none, and a name set that early must not make it with the default size.
 void PropagateNames() {
-    TraceRegistry::UpdateNamesOfAllCreatedBuffersIfCreated();
+    if (void (*handler)() = namesChangedHandler.load(std::memory_order_acquire))
+        handler();
 }
 
 }  // namespace
@@ -97,8 +140,9 @@ std::string ExecutableNameFromPath(std::string_view path) {
 }  // namespace Internal
 
 TraceConfigurationPrivate& TraceConfigurationPrivate::GetInstance() {
-    static TraceConfigurationPrivate instance;
-    return instance;
+    // Never destroyed: everything that runs at exit still reads it.
+    static TraceConfigurationPrivate* const instance = new TraceConfigurationPrivate;
+    return *instance;
 }
 
 TraceConfigurationPrivate::TraceConfigurationPrivate()
@@ -139,8 +183,12 @@ void TraceConfigurationPrivate::ApplyVariables(const EnvironmentLookup& environm
     }
     // Sizes and counts keep their defaults on 0 or garbage; the close wait and the switches below
     // honour an explicit 0.
-    if (ParseUnsigned(lookup("TRACE_STREAM_SIZE"), number) && number != 0)
-        m_traceStreamSize.store(number, std::memory_order_relaxed);
+    if (const std::string value = lookup("TRACE_STREAM_SIZE"); !value.empty()) {
+        std::string problem;
+        m_traceStreamSize.store(StreamSizeFrom(value, problem), std::memory_order_relaxed);
+        if (!problem.empty())
+            WarnAboutSetting("TRACE_STREAM_SIZE", value, problem);
+    }
     if (ParseUnsigned(lookup("TRACE_MAX_BUFFERS"), number) && number != 0)
         m_maxNumberOfBuffers.store(number, std::memory_order_relaxed);
     if (ParseUnsigned(lookup("TRACE_MAX_MODULES"), number) && number != 0)
@@ -206,6 +254,10 @@ void TraceConfigurationPrivate::SetMaxNumberOfBuffers(unsigned count) {
 
 void TraceConfigurationPrivate::SetMaxNumberOfModules(unsigned count) {
     m_maxNumberOfModules.store(count != 0 ? count : DefaultMaxNumberOfModules, std::memory_order_relaxed);
+}
+
+void TraceConfigurationPrivate::SetNamesChangedHandler(void (*handler)()) {
+    namesChangedHandler.store(handler, std::memory_order_release);
 }
 
 bool TraceConfigurationPrivate::IsService() {

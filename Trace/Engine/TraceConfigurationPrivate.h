@@ -59,6 +59,9 @@ public:
     // Truncate to MaxNameLength and carry the new name into the buffers this process created.
     void SetSystemName(const char* name);
     void SetApplicationName(const char* name);
+    // Called after every name change; the registry hands it over when it is made, so that the
+    // buffers it created carry the new names.
+    static void SetNamesChangedHandler(void (*handler)());
     const char* GetSystemName() const { return m_systemName; }
     const char* GetApplicationName() const { return m_applicationName; }
 

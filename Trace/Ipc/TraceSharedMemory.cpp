@@ -1,5 +1,9 @@
 #include "Trace/Ipc/TraceSharedMemory.h"
 
+#include <atomic>
+#include <mutex>
+#include <unordered_set>
+
 #include "Trace/Engine/TraceConfigurationPrivate.h"
 #include "Trace/Records/OSError.h"
 #include "platform/EventLog.h"
@@ -9,9 +13,30 @@
 
 namespace Tracing {
 
+class TraceSharedMemoryPrivate;
+
+namespace {
+
+// Every mapped block of this process, so that the names can go at exit while the mappings stay.
+// Never destroyed: objects may still detach after static destruction began.
+struct MappedBlocks {
+    std::mutex mutex;
+    std::unordered_set<TraceSharedMemoryPrivate*> blocks;
+    std::atomic<bool> released{false};
+};
+
+MappedBlocks& Mapped() {
+    static MappedBlocks* const mapped = new MappedBlocks;
+    return *mapped;
+}
+
+}  // namespace
+
 class TraceSharedMemoryPrivate {
 public:
     void* view = nullptr;
+    // Kept apart from the mapping, which forgets it when it is abandoned at exit.
+    uint64_t size = 0;
     std::string key;
     // Empty for an OS error whose text errorString has not composed yet.
     std::string errorText;
@@ -60,13 +85,28 @@ public:
             SetError(TraceSharedMemory::UnknownError, "empty key is invalid");
             return false;
         }
+        // A name made after the exit release would stay behind.
+        if (::Tracing::Mapped().released.load(std::memory_order_seq_cst)) {
+            SetError(TraceSharedMemory::UnknownError, "the library has shut down");
+            return false;
+        }
         return true;
     }
 
     bool Mapped() {
         view = mapping.Data();
+        size = mapping.Size();
         SetError(TraceSharedMemory::NoError, "");
+        MappedBlocks& mapped = ::Tracing::Mapped();
+        std::lock_guard<std::mutex> lock(mapped.mutex);
+        mapped.blocks.insert(this);
         return true;
+    }
+
+    void Unmapped() {
+        MappedBlocks& mapped = ::Tracing::Mapped();
+        std::lock_guard<std::mutex> lock(mapped.mutex);
+        mapped.blocks.erase(this);
     }
 };
 
@@ -89,6 +129,8 @@ TraceSharedMemory::TraceSharedMemory(const char* key) : TraceSharedMemory() {
 }
 
 TraceSharedMemory::~TraceSharedMemory() {
+    if (d->view != nullptr)
+        d->Unmapped();
     delete d;
 }
 
@@ -146,10 +188,20 @@ bool TraceSharedMemory::detach() {
         d->SetError(UnknownError, "not attached");
         return false;
     }
+    d->Unmapped();
     d->mapping.Close();
     d->view = nullptr;
     d->SetError(NoError, "");
     return true;
+}
+
+void TraceSharedMemory::ReleaseAllAtExit() {
+    MappedBlocks& mapped = Mapped();
+    std::lock_guard<std::mutex> lock(mapped.mutex);
+    mapped.released.store(true, std::memory_order_seq_cst);
+    for (TraceSharedMemoryPrivate* block : mapped.blocks)
+        block->mapping.Abandon();
+    mapped.blocks.clear();
 }
 
 bool TraceSharedMemory::isAttached() const {
@@ -169,7 +221,7 @@ const void* TraceSharedMemory::constData() const {
 }
 
 uint64_t TraceSharedMemory::size() const {
-    return d->view != nullptr ? d->mapping.Size() : 0;
+    return d->view != nullptr ? d->size : 0;
 }
 
 TraceSharedMemory::SharedMemoryError TraceSharedMemory::error() const {

@@ -66,6 +66,11 @@ public:
     // True when both are attached to the same kernel object ("Global\X" and "X" may be one).
     bool isSameShm(const TraceSharedMemory& other) const;
 
+    // At exit: the names of every block of this process go as if detached, but the memory stays
+    // mapped for code that still runs; later creates and attaches fail. Not on a thread that the
+    // system may have ended inside this class's lock.
+    static void ReleaseAllAtExit();
+
     // Application event log entries with the strings source, user line and message.
     static void writeErrorEventLog(const char* source, const char* message);
     static void writeWarningEventLog(const char* source, const char* message);

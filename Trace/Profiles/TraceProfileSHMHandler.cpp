@@ -139,11 +139,8 @@ void TraceProfileSHMHandler::SHMConfigWriter::Visit(const TraceProfile::SubSyste
     unsigned char* address = m_data + m_position;
     m_position += size;
 
-    // Modes beyond the known ones would reach the writers of every buffer made from this image.
-    const uint32_t mode = subSystem.GetTimestampMode();
-    const auto timestampMode =
-        mode <= TimestampMode::OPTIMAL ? static_cast<TimestampMode::Type>(mode) : TimestampMode::NotSet;
     TraceBufferData* image = nullptr;
+    const auto timestampMode = static_cast<TimestampMode::Type>(subSystem.GetTimestampMode());
     if (TraceBufferData::Create(image, address, size, subSystem.GetTraceStreamSize(), 0, 0, timestampMode,
                                 hostName.c_str(), "", applicationName.c_str(),
                                 subSystem.GetName().c_str()) != SHMErrorCodes::Success) {
@@ -155,17 +152,21 @@ void TraceProfileSHMHandler::SHMConfigWriter::Visit(const TraceProfile::SubSyste
     image->SetProfileMaxModules(maxModules != 0 ? std::max(maxModules, moduleCount) : 0);
     image->SetProfileSeverity(subSystem.GetSeverity());
 
-    int32_t moduleID = 0;
+    unsigned slotIndex = 0;
     for (const auto& [name, module] : subSystem.GetModules()) {
         unsigned severity = module.GetSeverity();
         if (severity == 0)
             severity = subSystem.GetSeverity();
         if (severity == 0)
             severity = m_defaultSeverity;
-        // Only the severity bits: a larger value would pose as flags in the filter word.
-        TraceModuleData* slot = image->ActivateFirstFreeModule(moduleID++, name.c_str(),
-                                                               severity & TraceModuleData::SeverityMask);
-        if (slot == nullptr) {
+        // IDs from the image's own counter: a buffer copied from it keeps the counter as it is and
+        // so never hands a preset module's ID to a new one. Readers take the severity bits only.
+        const int32_t moduleID = image->GetAtomicNextFreeModuleID().fetch_add(1, std::memory_order_seq_cst);
+        // The slots fill in order, so the next one is the first free one: no search per module,
+        // which made large profiles quadratic.
+        TraceModuleData* slot =
+            slotIndex < image->GetSizeOfModuleArray() ? image->GetModule(slotIndex++) : nullptr;
+        if (slot == nullptr || !slot->Activate(image->GetBufferID(), moduleID, name.c_str(), severity)) {
             m_ok = false;
             return;
         }
@@ -178,17 +179,10 @@ void TraceProfileSHMHandler::SHMConfigWriter::Visit(const TraceProfile::SubSyste
 // --- TraceProfileSHMHandler
 
 TraceProfileSHMHandler& TraceProfileSHMHandler::GetInstance() {
-    // Destroyed at exit, which releases the block: a block nobody holds vanishes. Not when the
-    // system has already ended the updater thread, maybe inside our lock: it releases the block then.
-    struct DestroyAtExit {
-        TraceProfileSHMHandler* handler;
-        ~DestroyAtExit() {
-            if (!Platform::ProcessIsEnding())
-                delete handler;
-        }
-    };
-    static const DestroyAtExit handler{new TraceProfileSHMHandler};
-    return *handler.handler;
+    // Never destroyed: code running at exit may still create buffers and engines, which read the
+    // profile. The name of its block goes with the others' at exit.
+    static TraceProfileSHMHandler* const handler = new TraceProfileSHMHandler;
+    return *handler;
 }
 
 // The registry is reached only on use, never here: diagnostics issued while the registry is set

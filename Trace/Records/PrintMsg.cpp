@@ -1,12 +1,11 @@
 #include "Trace/Records/PrintMsg.h"
 
-#include <cstring>
 #include <iostream>
 #include <string>
 
 #include "Trace/Engine/TraceConfigurationPrivate.h"
+#include "Trace/Records/ITraceRecordContext.h"
 #include "Trace/Records/TraceMessage.h"
-#include "Trace/Registry/TraceRegistry.h"
 #include "Trace/Time/TraceTimer.h"
 #include "paxltrace.h"
 #include "platform/Process.h"
@@ -36,16 +35,20 @@ void PrintMsg(Severity::Type severity, const TraceMessage& message, bool print) 
         std::ostream& out = problem ? std::cerr : std::cout;
         out << line << std::flush;
     }
-    TraceEngine* engine = TraceRegistry::GetEngine();
+    ITraceRecordContext* context = ITraceRecordContext::Get();
+    TraceEngine* engine = context != nullptr ? context->GetOwnEngine() : nullptr;
     if (engine == nullptr || trace_engine_get_module_id(engine) == 0xFFFFFFFFu ||
         trace_engine_get_severity(engine) < (severity & 7u))
         return;
-    // A shallow copy: the write may shorten string parameters, the message is const.
-    ::TraceParameter parameters[TraceMessage::MaxParameters];
+    // Deep copies: the write may shorten string parameters in place, and the message is const.
+    ::TraceParameter parameters[TraceMessage::MaxParameters] = {};
     const uint8_t count = message.GetParameterCount();
-    std::memcpy(parameters, message.GetParameters(), sizeof(::TraceParameter) * count);
+    for (uint8_t i = 0; i < count; ++i)
+        TraceParameter::Copy(parameters[i], message.GetParameters()[i]);
     trace_engine_write(engine, nullptr, 0, severity, message.GetText(), message.GetBinaryTraceID(), count,
                        parameters);
+    for (uint8_t i = 0; i < count; ++i)
+        TraceParameter::Clear(parameters[i]);
 }
 
 }  // namespace Tracing::Internal

@@ -3,7 +3,7 @@
 #include <cstring>
 
 #include "Trace/Buffer/TraceBuffer.h"
-#include "Trace/Registry/TraceRegistry.h"
+#include "Trace/Records/ITraceRecordContext.h"
 
 namespace Tracing::Severity {
 namespace {
@@ -57,7 +57,8 @@ void GetFlagsAsString(std::string& out, unsigned int severityWord, const TraceBu
 
 void GetFlagsAsString(std::string& out, unsigned int severityWord, int bufferID, int moduleID) {
     out.clear();
-    if (const TraceBuffer* buffer = TraceRegistry::GetInstance().GetProducerBuffer(bufferID))
+    ITraceRecordContext* context = ITraceRecordContext::Get();
+    if (const TraceBuffer* buffer = context != nullptr ? context->FindProducerBuffer(bufferID) : nullptr)
         GetFlagsAsString(out, severityWord, *buffer, moduleID);
 }
 

@@ -5,11 +5,11 @@
 #include <cstring>
 
 #include "Trace/Buffer/TraceBuffer.h"
+#include "Trace/Records/ITraceRecordContext.h"
 #include "Trace/Records/Severity.h"
 #include "Trace/Records/TraceMessage.h"
 #include "Trace/Records/TraceParameter.h"
 #include "Trace/Records/TracePool.h"
-#include "Trace/Registry/TraceRegistry.h"
 #include "Trace/Time/TraceTimer.h"
 
 namespace Tracing {
@@ -153,8 +153,8 @@ bool Trace::Create(unsigned int id, int bufferID, int moduleID, uint64_t timesta
 }
 
 void Trace::FillExtendedData(const TraceBuffer* buffer) {
-    if (buffer == nullptr)
-        buffer = TraceRegistry::GetInstance().GetConsumerBuffer(m_bufferID);
+    if (ITraceRecordContext* context = ITraceRecordContext::Get(); buffer == nullptr && context != nullptr)
+        buffer = context->FindConsumerBuffer(m_bufferID);
     // Without the producer's buffer the texts could not agree with each other: keep them all.
     if (buffer == nullptr)
         return;
@@ -318,12 +318,10 @@ void Trace::FillFromTextFields() {
         if (std::sscanf(m_threadIDText.c_str(), "%x", &threadID) == 1)
             m_threadID = threadID;
     }
-    // A binary trace logged before its text was known is resolved now if possible.
+    // A binary trace logged before its text was known is resolved now if possible; the message
+    // itself stays as read.
     const std::string current = GetFormattedMessage();
-    std::string resolved = current;
-    TraceParameter::ParseFailedBinaryTrace(resolved, current.c_str());
-    if (resolved != current)
-        SetFormattedMessage(resolved);
+    TraceParameter::ParseFailedBinaryTrace(m_formattedMessage, current.c_str());
 }
 
 bool Trace::operator==(const Trace& other) const {

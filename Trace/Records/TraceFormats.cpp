@@ -303,7 +303,8 @@ void Trace::ReadCsvFromStream(std::istream& in, std::vector<std::unique_ptr<Trac
         Internal::ReadCsvField(cursor, trace->m_fileName, separator);
         Internal::ReadCsvField(cursor, field, separator);
         trace->m_lineNumber = field.empty() ? 0 : ScanUnsigned(field);
-        trace->SetFormattedMessage(message);
+        // The text read is the formatted message; the message itself stays empty.
+        trace->m_formattedMessage = std::move(message);
         trace->FillFromTextFields();
 
         traces.push_back(std::move(trace));

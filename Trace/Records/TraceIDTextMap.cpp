@@ -8,8 +8,9 @@ const char* TraceIDTextFile::GetText(uint64_t id) const {
 }
 
 TraceIDTextMap& TraceIDTextMap::GetInstance() {
-    static TraceIDTextMap instance;
-    return instance;
+    // Never destroyed: traces formatted at exit still look their texts up.
+    static TraceIDTextMap* const instance = new TraceIDTextMap;
+    return *instance;
 }
 
 void TraceIDTextMap::AddFile(TraceIDTextFile&& file) {

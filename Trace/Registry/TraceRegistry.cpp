@@ -4,6 +4,7 @@
 #include <cstring>
 #include <optional>
 
+#include "Trace/Buffer/TraceStream.h"
 #include "Trace/Diagnostics/TraceDiagnostics.h"
 #include "Trace/Engine/TraceConfigurationPrivate.h"
 #include "Trace/Ipc/TraceProcessData.h"
@@ -179,58 +180,12 @@ private:
     TraceRegistryData* m_data;
 };
 
-TraceRegistry& TraceRegistry::GetInstance() {
-    static TraceRegistry* const instance = [] {
-        // Made first so that they outlive the registry.
-        TraceConfigurationPrivate::GetInstance();
-        TraceUpdateManager::GetInstance();
-        TraceTimer::GetInstance();
-        TraceProfileSHMHandler::GetInstance();
-        // Destroyed at exit, unless the system has already ended the updater thread, maybe inside
-        // the registry's locks: then the system takes back what the registry holds.
-        struct DestroyAtExit {
-            TraceRegistry* registry;
-            ~DestroyAtExit() {
-                if (!Platform::ProcessIsEnding())
-                    delete registry;
-            }
-        };
-        static const DestroyAtExit registry{new TraceRegistry};
-        s_instance.store(registry.registry, std::memory_order_seq_cst);
-        return registry.registry;
-    }();
-    instance->InitializeOnce();
-    return *instance;
-}
-
 TraceRegistry::TraceRegistry()
     : m_registryMemory(std::make_unique<TraceSharedMemory>()),
-      m_serviceMemory(std::make_unique<TraceSharedMemory>()) {}
-
-TraceRegistry::~TraceRegistry() {
-    // Only at exit. The updater thread may still be making its own engine through this registry,
-    // so it ends first; it is never restarted.
-    TraceUpdateManager::GetInstance().Stop(TraceUpdateManager::ExitStopTimeoutMs);
-    m_updater.reset();
-    s_instance.store(nullptr, std::memory_order_seq_cst);
-    // Before the buffers go: these engines point into one of them.
-    TraceDiagnostics::GetInstance().Shutdown();
-    trace_engine_destroy(m_ownEngine.exchange(nullptr, std::memory_order_seq_cst));
-    // Timestamps taken after this point must not read the unmapped block.
-    TraceTimer::GetInstance().BindReference(nullptr);
-    std::lock_guard<std::recursive_mutex> lock(m_mutex);
-    // The buffers go before the block they are registered in.
-    m_createdBuffers.clear();
-    m_producerBuffers.clear();
-    m_consumerBuffers.clear();
-    m_dataChangedListeners.clear();
-    m_receiverCommandStore.reset();
-    m_data = nullptr;
-    m_serviceData = nullptr;
-    if (m_serviceMemory->isAttached())
-        m_serviceMemory->detach();
-    if (m_registryMemory->isAttached())
-        m_registryMemory->detach();
+      m_serviceMemory(std::make_unique<TraceSharedMemory>()) {
+    s_instance.store(this, std::memory_order_seq_cst);
+    TraceConfigurationPrivate::SetNamesChangedHandler(
+        &TraceRegistry::UpdateNamesOfAllCreatedBuffersIfCreated);
 }
 
 void TraceRegistry::GetSHMName(std::string& out, bool global) {
@@ -260,7 +215,11 @@ void TraceRegistry::InitializeOnce() {
     CreateOrAttach();
     FreeItemsOfEarlierProcess();
 
-    TraceTimer::GetInstance().BindReference(m_data);
+    // What the lower layers need of the block is handed down before any buffer is made.
+    TraceBuffer::SetGlobalTraceIDCounter(GetGlobalTraceIDCounter());
+    if (m_data != nullptr)
+        m_timeReference.emplace(m_data->GetTimeReference());
+    TraceTimer::GetInstance().BindReference(m_timeReference ? &*m_timeReference : nullptr);
     uint64_t time = 0;
     uint64_t tick = 0;
     int64_t counter = 0;
@@ -616,7 +575,7 @@ void TraceRegistry::WaitForEarlierMemory(const BufferRequest& request) {
 TraceBuffer* TraceRegistry::Register(const BufferRequest& request, TraceBuffer::ErrorType& error) {
     WaitForEarlierMemory(request);
     std::lock_guard<std::recursive_mutex> lock(m_mutex);
-    if (m_data == nullptr) {
+    if (m_data == nullptr || m_shutDown.load(std::memory_order_seq_cst)) {
         error = TraceBuffer::SharedMemoryFailed;
         return nullptr;
     }
@@ -864,8 +823,41 @@ TraceRegistry::ErrorType TraceRegistry::UnregisterBuffer(TraceBuffer* buffer) {
     if (BufferReportsWanted())
         ReportBuffer(Severity::Verbose, TraceMessage("Buffer deleted successfully: BufferID: %1.").Add(id));
     removedReader.reset();
+    {
+        std::lock_guard<std::recursive_mutex> lock(m_mutex);
+        if (m_engineCounts.count(buffer) != 0) {
+            if (TraceStream* stream = removed->GetTraceStream())
+                stream->MarkDeleted();
+            m_retiredBuffers.push_back(std::move(removed));
+        }
+    }
     removed.reset();
     return Done;
+}
+
+bool TraceRegistry::AddEngine(TraceBuffer* buffer) {
+    std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    if (m_createdBuffers.count(buffer) == 0)
+        return false;
+    ++m_engineCounts[buffer];
+    return true;
+}
+
+void TraceRegistry::RemoveEngine(TraceBuffer* buffer) {
+    std::unique_ptr<TraceBuffer> last;
+    {
+        std::lock_guard<std::recursive_mutex> lock(m_mutex);
+        const auto it = m_engineCounts.find(buffer);
+        if (it == m_engineCounts.end() || --it->second != 0)
+            return;
+        m_engineCounts.erase(it);
+        const auto retired = std::find_if(m_retiredBuffers.begin(), m_retiredBuffers.end(),
+                                          [&](const auto& held) { return held.get() == buffer; });
+        if (retired == m_retiredBuffers.end())
+            return;
+        last = std::move(*retired);
+        m_retiredBuffers.erase(retired);
+    }
 }
 
 TraceBuffer* TraceRegistry::LookUp(const BufferMap& buffers, int32_t bufferID) {
@@ -1211,7 +1203,7 @@ void TraceRegistry::Update() {
     std::vector<std::unique_ptr<TraceBuffer>> removed;
     {
         std::lock_guard<std::recursive_mutex> lock(m_mutex);
-        if (m_data == nullptr)
+        if (m_data == nullptr || m_shutDown.load(std::memory_order_seq_cst))
             return;
         const uint32_t updateWasNeeded = m_updateNeeded.exchange(0, std::memory_order_seq_cst);
         std::vector<std::string> deadReport;

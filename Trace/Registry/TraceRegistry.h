@@ -19,9 +19,11 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <thread>
+#include <unordered_map>
 #include <unordered_set>
 #include <utility>
 #include <vector>
@@ -30,6 +32,7 @@
 #include "Trace/Buffer/TraceBuffer.h"
 #include "Trace/Buffer/TraceBufferInfo.h"
 #include "Trace/Time/TimestampMode.h"
+#include "Trace/Time/TraceTimeReference.h"
 
 struct TraceEngine;
 
@@ -53,6 +56,7 @@ public:
         NoFreeItem = 6,
     };
 
+    // The registry of this process's runtime, made with it on first use and never destroyed.
     static TraceRegistry& GetInstance();
 
     // The buffer of this process with this subsystem name on this host, created and registered
@@ -70,8 +74,15 @@ public:
                                       uint32_t maxModules, uint32_t streamSize,
                                       TraceBuffer::ErrorType* error = nullptr);
     // Only buffers that registration created here; the object is destroyed once the listeners
-    // have been told. Waits while the buffer is younger than the configured close wait.
+    // have been told. Waits while the buffer is younger than the configured close wait. A buffer
+    // that engines still hold stays mapped until the last of them is gone, but its stream drops
+    // (and reports) every further write.
     ErrorType UnregisterBuffer(TraceBuffer* buffer);
+    // An engine's hold on a buffer that registration created here; false when it is not one.
+    bool AddEngine(TraceBuffer* buffer);
+    void RemoveEngine(TraceBuffer* buffer);
+    // At exit: no more registrations or attachments; what exists stays as it is.
+    void ShutDown() { m_shutDown.store(true, std::memory_order_seq_cst); }
 
     // Null when absent. The pointers stay valid until the buffer leaves its map.
     TraceBuffer* GetProducerBuffer(int32_t bufferID);
@@ -168,6 +179,8 @@ private:
     friend class TraceRegistryTestAccess;
     // Takes m_mutex before its own mutex.
     friend class TraceRegistryUpdater;
+    // Makes the one registry, and never destroys it.
+    friend class TraceRuntime;
 
     // FNV-1a 64 over the bytes of the object's address.
     struct BufferAddressHash {
@@ -193,7 +206,7 @@ private:
     class BlockLock;
 
     TraceRegistry();
-    ~TraceRegistry();
+    ~TraceRegistry() = delete;
 
     static void GetSHMName(std::string& out, bool global);
     static void GetSemaphoreName(std::string& out);
@@ -271,6 +284,7 @@ private:
 
     // Recursive: listeners and buffers may call back into the registry on the same thread.
     mutable std::recursive_mutex m_mutex;
+    std::atomic<bool> m_shutDown{false};
     // 1 when buffers were registered that the next registry update must announce.
     std::atomic<uint32_t> m_updateNeeded{0};
 
@@ -279,6 +293,9 @@ private:
     BufferMap m_consumerBuffers;
     // The buffers registration created; UnregisterBuffer accepts only these.
     std::unordered_set<const TraceBuffer*, BufferAddressHash> m_createdBuffers;
+    // Engines per buffer, and the unregistered buffers that engines still hold.
+    std::unordered_map<const TraceBuffer*, unsigned> m_engineCounts;
+    std::vector<std::unique_ptr<TraceBuffer>> m_retiredBuffers;
     int32_t m_lastAssignedBufferID = -1;
     // Registered while the update manager runs, waiting for the next update to announce them.
     std::unordered_set<int> m_buffersToAnnounce;
@@ -306,7 +323,9 @@ private:
     // The change counters as the last update left them.
     uint32_t m_updateChangeCounter = 0;
     uint32_t m_updateServiceChangeCounter = 0;
-    // Made at the end of the set-up (with a block only); removed first in the destructor.
+    // The block's time reference as the timer uses it (with a block only).
+    std::optional<TraceTimeReference> m_timeReference;
+    // Made at the end of the set-up (with a block only).
     std::unique_ptr<TraceRegistryUpdater> m_updater;
 
     // Set once the singleton exists, so that a name change can tell without creating it.

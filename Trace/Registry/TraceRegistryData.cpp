@@ -104,22 +104,4 @@ const TraceRegistryDataItem* TraceRegistryData::FindItem(int32_t bufferID) const
     return nullptr;
 }
 
-void TraceRegistryData::SetTraceTimer(uint64_t first, uint64_t second, int64_t third) {
-    const uint32_t slot = (GetAtomicTimerSlot().load(std::memory_order_seq_cst) & 1u) ^ 1u;
-    // Relaxed: the slot store below publishes them.
-    std::atomic_ref<uint64_t>(m_timerFirst[slot]).store(first, std::memory_order_relaxed);
-    std::atomic_ref<uint64_t>(m_timerSecond[slot]).store(second, std::memory_order_relaxed);
-    std::atomic_ref<int64_t>(m_timerThird[slot]).store(third, std::memory_order_relaxed);
-    GetAtomicTimerSlot().store(slot, std::memory_order_seq_cst);
-}
-
-bool TraceRegistryData::TrySetTraceTimer(uint64_t first, uint64_t second, int64_t third) {
-    uint32_t idle = 0;
-    if (!GetAtomicUpdateIndicator().compare_exchange_strong(idle, 1, std::memory_order_seq_cst))
-        return false;
-    SetTraceTimer(first, second, third);
-    GetAtomicUpdateIndicator().store(0, std::memory_order_seq_cst);
-    return true;
-}
-
 }  // namespace Tracing

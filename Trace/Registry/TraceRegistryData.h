@@ -31,6 +31,7 @@
 #include "Trace/Buffer/SHMErrorCodes.h"
 #include "Trace/Ipc/TraceIpcLock.h"
 #include "Trace/Registry/TraceRegistryDataItem.h"
+#include "Trace/Time/TraceTimeReference.h"
 
 namespace Tracing {
 
@@ -69,25 +70,26 @@ public:
 
     // The timer reference: first = time, second = tick, third = performance counter. Readers take
     // no lock; writers are serialised by the update indicator (TrySetTraceTimer).
-    void GetTraceTimer(uint64_t& first, uint64_t& second, int64_t& third) const {
-        // Pairs with the slot store of SetTraceTimer: the half it names is complete.
-        const uint32_t slot = ReadOnly(m_timerSlot).load(std::memory_order_seq_cst) & 1u;
-        // Relaxed: the slot load ordered these reads; atomic only so that a reader overtaken by two
-        // writers gets whole words.
-        first = ReadOnly(m_timerFirst[slot]).load(std::memory_order_relaxed);
-        second = ReadOnly(m_timerSecond[slot]).load(std::memory_order_relaxed);
-        third = ReadOnly(m_timerThird[slot]).load(std::memory_order_relaxed);
+    TraceTimeReference GetTimeReference() const {
+        // The fields are never const in shared memory.
+        auto* self = const_cast<TraceRegistryData*>(this);
+        return TraceTimeReference({&self->m_updateIndicator, self->m_timerFirst, self->m_timerSecond,
+                                   self->m_timerThird, &self->m_timerSlot, &self->m_resyncPeriod});
     }
-    // Fills the half that readers are not directed to, then flips the slot.
-    void SetTraceTimer(uint64_t first, uint64_t second, int64_t third);
-    // SetTraceTimer while holding the update indicator; false (nothing written) when another writer
-    // holds it.
-    bool TrySetTraceTimer(uint64_t first, uint64_t second, int64_t third);
+    void GetTraceTimer(uint64_t& first, uint64_t& second, int64_t& third) const {
+        GetTimeReference().Get(first, second, third);
+    }
+    void SetTraceTimer(uint64_t first, uint64_t second, int64_t third) {
+        GetTimeReference().Set(first, second, third);
+    }
+    bool TrySetTraceTimer(uint64_t first, uint64_t second, int64_t third) {
+        return GetTimeReference().TrySet(first, second, third);
+    }
     unsigned GetTraceTimerResynchronizationPeriod() const {
-        return ReadOnly(m_resyncPeriod).load(std::memory_order_seq_cst);
+        return GetTimeReference().GetResynchronizationPeriod();
     }
     void SetTraceTimerResynchronizationPeriod(unsigned periodMs) {
-        std::atomic_ref<uint32_t>(m_resyncPeriod).store(periodMs, std::memory_order_seq_cst);
+        GetTimeReference().SetResynchronizationPeriod(periodMs);
     }
 
     int64_t GetProfileLoaderID() const { return ReadOnly(m_profileLoaderID).load(std::memory_order_seq_cst); }

@@ -52,7 +52,7 @@ private:
     int32_t m_bufferID;
     Internal::ShmNameField m_hostName;
     Internal::ShmNameField m_subSystemName;
-    uint8_t m_padding[2];
+    [[maybe_unused]] uint8_t m_padding[2];  // explicit tail padding of the shared record
 };
 
 static_assert(sizeof(TraceRegistryDataItem) == 80);

@@ -4,8 +4,6 @@
 #include <cstdio>
 #include <cstring>
 
-#include "Trace/Registry/TraceRegistry.h"
-
 namespace Tracing {
 namespace {
 
@@ -13,10 +11,6 @@ constexpr uint64_t UnitsPerSecond = 10000000;
 
 // Resolution of OPTIMAL timestamps in Format; PRECISE until someone chooses otherwise.
 std::atomic<uint32_t> optimalFormatMode{TimestampMode::PRECISE};
-
-// Set while this thread binds the timer to the registry, so that a timestamp taken during the
-// registry's own set-up uses the local reference instead of recursing into it.
-thread_local bool bindingInProgress = false;
 
 // counter ticks -> 100 ns units without overflowing for long intervals.
 int64_t CounterToUnits(int64_t ticks, int64_t frequency) {
@@ -39,7 +33,7 @@ TraceTimer& TraceTimer::GetInstance() {
 }
 
 TraceTimer::TraceTimer() {
-    TraceRegistryData::Create(m_localBlock, m_localStorage, sizeof m_localStorage);
+    m_reference.store(&m_localReference, std::memory_order_release);
     // The precise system clock exists on every system this library supports; the counter path
     // stays for systems without it.
     m_hasPreciseClock = true;
@@ -47,51 +41,39 @@ TraceTimer::TraceTimer() {
     m_hasCounter = m_frequency > 0;
 }
 
-void TraceTimer::BindReference(TraceRegistryData* block) {
-    m_reference.store(block != nullptr ? block : m_localBlock, std::memory_order_release);
+void TraceTimer::BindReference(const TraceTimeReference* reference) {
+    m_reference.store(reference != nullptr ? reference : &m_localReference, std::memory_order_release);
 }
 
-TraceRegistryData* TraceTimer::BindRegistry() {
-    if (!bindingInProgress) {
-        bindingInProgress = true;
-        // The registry binds the timer to its block (or to none) while it sets itself up.
-        TraceRegistry::GetInstance();
-        bindingInProgress = false;
-    }
-    TraceRegistryData* block = m_reference.load(std::memory_order_acquire);
-    return block != nullptr ? block : m_localBlock;
+const TraceTimeReference& TraceTimer::CurrentBlock() {
+    return *m_reference.load(std::memory_order_acquire);
 }
 
-TraceRegistryData& TraceTimer::CurrentBlock() {
-    TraceRegistryData* block = m_reference.load(std::memory_order_acquire);
-    return block != nullptr ? *block : *BindRegistry();
-}
-
-void TraceTimer::WriteReference(TraceRegistryData& block, const uint64_t* staleTime) const {
-    std::atomic_ref<uint32_t> indicator = block.GetAtomicUpdateIndicator();
+void TraceTimer::WriteReference(const TraceTimeReference& block, const uint64_t* staleTime) const {
+    std::atomic_ref<uint32_t> indicator = block.GetUpdateIndicator();
     uint32_t idle = 0;
     if (!indicator.compare_exchange_strong(idle, 1, std::memory_order_seq_cst))
         return;
     uint64_t time = 0;
     uint64_t tick = 0;
     int64_t counter = 0;
-    block.GetTraceTimer(time, tick, counter);
+    block.Get(time, tick, counter);
     if (staleTime == nullptr || time == *staleTime) {
         // The precise clock rather than a coarse one: every FAST timestamp inherits this error.
         time = Platform::PreciseWallClock();
         counter = m_hasCounter ? Platform::PerformanceCounter() : 0;
         tick = Platform::TickMs();
-        block.SetTraceTimer(time, tick, counter);
+        block.Set(time, tick, counter);
     }
     indicator.store(0, std::memory_order_seq_cst);
 }
 
-uint64_t TraceTimer::RenewAndGetFastTimestamp(TraceRegistryData& block, uint64_t staleTime) {
+uint64_t TraceTimer::RenewAndGetFastTimestamp(const TraceTimeReference& block, uint64_t staleTime) {
     WriteReference(block, &staleTime);
     uint64_t time = 0;
     uint64_t tick = 0;
     int64_t counter = 0;
-    block.GetTraceTimer(time, tick, counter);
+    block.Get(time, tick, counter);
     // Another process is still writing the very first reference.
     if (time == ReferenceNotSet)
         return Platform::PreciseWallClock();
@@ -102,18 +84,17 @@ uint64_t TraceTimer::RenewAndGetFastTimestamp(TraceRegistryData& block, uint64_t
 uint64_t TraceTimer::GetCounterTimestamp() {
     if (!m_hasCounter)
         return GetFastTimestamp();
-    TraceRegistryData& block = CurrentBlock();
+    const TraceTimeReference& block = CurrentBlock();
     uint64_t time = 0;
     uint64_t tick = 0;
     int64_t reference = 0;
-    block.GetTraceTimer(time, tick, reference);
+    block.Get(time, tick, reference);
     int64_t elapsed = CounterToUnits(Platform::PerformanceCounter() - reference, m_frequency);
     // Truncated to 32 bits on purpose: periods above 2^32 / 10000 ms wrap like everywhere else.
-    const int64_t limit =
-        static_cast<uint32_t>(block.GetTraceTimerResynchronizationPeriod() * MSecMultiplicator);
+    const int64_t limit = static_cast<uint32_t>(block.GetResynchronizationPeriod() * MSecMultiplicator);
     if (elapsed > limit || time == ReferenceNotSet) {
         WriteReference(block, &time);
-        block.GetTraceTimer(time, tick, reference);
+        block.Get(time, tick, reference);
         if (time == ReferenceNotSet)
             return Platform::PreciseWallClock();
         elapsed = CounterToUnits(Platform::PerformanceCounter() - reference, m_frequency);
@@ -122,11 +103,11 @@ uint64_t TraceTimer::GetCounterTimestamp() {
 }
 
 unsigned TraceTimer::GetResynchronizationPeriod() {
-    return GetInstance().CurrentBlock().GetTraceTimerResynchronizationPeriod();
+    return GetInstance().CurrentBlock().GetResynchronizationPeriod();
 }
 
 void TraceTimer::SetResynchronizationPeriod(unsigned periodMs) {
-    GetInstance().CurrentBlock().SetTraceTimerResynchronizationPeriod(periodMs);
+    GetInstance().CurrentBlock().SetResynchronizationPeriod(periodMs);
 }
 
 void TraceTimer::Synchronize() {

@@ -13,8 +13,8 @@
 #include <ctime>
 #include <string>
 
-#include "Trace/Registry/TraceRegistryData.h"
 #include "Trace/Time/TimestampMode.h"
+#include "Trace/Time/TraceTimeReference.h"
 #include "platform/Clock.h"
 
 namespace Tracing {
@@ -72,17 +72,12 @@ private:
 
     TraceTimer();
 
-    // The registry block carries the shared reference; null makes the timer use a reference of its
-    // own (this process has no registry, or the registry is going away).
-    void BindReference(TraceRegistryData* block);
+    // The registry hands over the shared reference of its block (kept as long as the process
+    // runs); null makes the timer use a reference of its own (this process has no registry).
+    void BindReference(const TraceTimeReference* reference);
     ~TraceTimer() = delete;
 
-    uint64_t GetFastTimestamp() {
-        TraceRegistryData* block = m_reference.load(std::memory_order_acquire);
-        if (block == nullptr) [[unlikely]]
-            block = BindRegistry();
-        return FastTimestamp(*block);
-    }
+    uint64_t GetFastTimestamp() { return FastTimestamp(*m_reference.load(std::memory_order_acquire)); }
 
     uint64_t GetPreciseTimestamp() {
         if (m_hasPreciseClock) [[likely]]
@@ -90,12 +85,12 @@ private:
         return GetCounterTimestamp();
     }
 
-    uint64_t FastTimestamp(TraceRegistryData& block) {
+    uint64_t FastTimestamp(const TraceTimeReference& block) {
         uint64_t time = 0;
         uint64_t tick = 0;
         int64_t counter = 0;
-        block.GetTraceTimer(time, tick, counter);
-        const unsigned period = block.GetTraceTimerResynchronizationPeriod();
+        block.Get(time, tick, counter);
+        const unsigned period = block.GetResynchronizationPeriod();
         // The tick is read after the reference, so that a reference renewed by another process
         // just before never looks newer than now (which would count as stale and renew it again).
         const uint32_t now = Platform::TickMs();
@@ -105,20 +100,28 @@ private:
         return RenewAndGetFastTimestamp(block, time);
     }
 
-    [[gnu::cold]] uint64_t RenewAndGetFastTimestamp(TraceRegistryData& block, uint64_t staleTime);
+    [[gnu::cold]] uint64_t RenewAndGetFastTimestamp(const TraceTimeReference& block, uint64_t staleTime);
     [[gnu::cold]] uint64_t GetCounterTimestamp();
-    [[gnu::cold]] TraceRegistryData* BindRegistry();
-    TraceRegistryData& CurrentBlock();
+    const TraceTimeReference& CurrentBlock();
     // Writes a reference from fresh clock reads while holding the block's update indicator; nothing
     // when another writer holds it, or when staleTime is given and the reference has moved on from
     // it (someone else renewed it first).
-    void WriteReference(TraceRegistryData& block, const uint64_t* staleTime) const;
+    void WriteReference(const TraceTimeReference& block, const uint64_t* staleTime) const;
 
-    // Null until bound: the registry block, or the local block when there is no registry.
-    std::atomic<TraceRegistryData*> m_reference{nullptr};
-    // Stands in for the registry block when this process has none.
-    alignas(TraceRegistryData) unsigned char m_localStorage[TraceRegistryData::GetSize(1)];
-    TraceRegistryData* m_localBlock = nullptr;
+    // The registry's reference once the registry binds it, the local one until then.
+    std::atomic<const TraceTimeReference*> m_reference{nullptr};
+    // Stands in for the registry's reference when this process has none.
+    struct LocalFields {
+        uint32_t updateIndicator = 0;
+        uint64_t first[2] = {};
+        uint64_t second[2] = {};
+        int64_t third[2] = {};
+        uint32_t slot = 0;
+        uint32_t resyncPeriod = DefaultResyncPeriod;
+    } m_localFields;
+    TraceTimeReference m_localReference{{&m_localFields.updateIndicator, m_localFields.first,
+                                         m_localFields.second, m_localFields.third, &m_localFields.slot,
+                                         &m_localFields.resyncPeriod}};
     // The precise system clock and the performance counter, as found when the timer was made.
     bool m_hasPreciseClock = true;
     bool m_hasCounter = false;

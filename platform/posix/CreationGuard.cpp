@@ -1,4 +1,4 @@
-// The creation guard on POSIX: an exclusive flock on a lock file named after the guard.
+// The creation guard on POSIX: an exclusive flock on a lock file with the guard's name.
 //
 // The kernel drops the lock when its holder dies. The holder unlinks the file before it unlocks,
 // so a released guard leaves no file. A process that opened the file just before that unlink can
@@ -22,7 +22,8 @@ CreationGuard::CreationGuard(const std::string& name, const std::string& directo
     std::string base = directory.empty() ? std::string(Posix::SharedMemoryDirectory) : directory;
     while (base.size() > 1 && base.back() == '/')
         base.pop_back();
-    m_path = base + "/" + Posix::EscapeObjectName(name) + ".lock";
+    // Named exactly like the guard, as the semaphore it stands for is.
+    m_path = base + "/" + Posix::EscapeObjectName(name);
 }
 
 CreationGuard::~CreationGuard() {

@@ -52,6 +52,12 @@ namespace {
 // remove or replace the block in between.
 constexpr int MaxAttempts = 64;
 
+// Failures carry the name of the operation as every platform reports it, whatever call failed
+// here; errno and its text say the rest.
+constexpr const char* CreateFailed = "CreateFileMapping";
+constexpr const char* OpenFailed = "OpenFileMapping";
+constexpr const char* MapFailed = "MapViewOfFile";
+
 ShmError Failure(int code, const char* function) {
     ShmError error;
     error.code = code;
@@ -167,12 +173,12 @@ ShmError ApplyRights(int fd, const ShmAccessRights& rights) {
             ::fchown(fd, static_cast<uid_t>(-1), static_cast<gid_t>(groupId)) == 0)
             mode = 0660;
         if (::fchmod(fd, mode) != 0)
-            return Failure(errno, "fchmod");
+            return Failure(errno, CreateFailed);
         return {};
     }
     struct stat source {};
     if (::stat(rights.templatePath.c_str(), &source) != 0)
-        return Failure(errno, "stat");
+        return Failure(errno, CreateFailed);
     const mode_t m = source.st_mode;
     mode_t owner = TemplateBits((m >> 6) & 7, rights.templateReadOnly);
     mode_t group = TemplateBits((m >> 3) & 7, rights.templateReadOnly);
@@ -185,20 +191,20 @@ ShmError ApplyRights(int fd, const ShmAccessRights& rights) {
             group = 0;
     }
     if (::fchmod(fd, (owner << 6) | (group << 3) | others) != 0)
-        return Failure(errno, "fchmod");
+        return Failure(errno, CreateFailed);
     return {};
 }
 
 ShmError Reserve(int fd, uint64_t size) {
     if (size > static_cast<uint64_t>(INT64_MAX))
-        return Failure(EFBIG, "fallocate");
+        return Failure(EFBIG, CreateFailed);
     // Allocating now makes a full /dev/shm fail here instead of as SIGBUS on a later write.
     if (::fallocate(fd, 0, 0, static_cast<off_t>(size)) == 0)
         return {};
     if (errno != EOPNOTSUPP)
-        return Failure(errno, "fallocate");
+        return Failure(errno, CreateFailed);
     if (::ftruncate(fd, static_cast<off_t>(size)) != 0)
-        return Failure(errno, "ftruncate");
+        return Failure(errno, CreateFailed);
     return {};
 }
 
@@ -254,24 +260,24 @@ ShmError SharedMemoryBlock::Create(const std::string& key, uint64_t size, const 
     Close();
     const std::string path = SharedMemoryPath(key);
     if (path.empty())
-        return Failure(EINVAL, "open");
+        return Failure(EINVAL, CreateFailed);
     const int fd = ::open(Posix::SharedMemoryDirectory, O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
     if (fd < 0)
-        return Failure(errno, "open");
+        return Failure(errno, CreateFailed);
     // Closing the unnamed file on any failure below leaves nothing behind.
     auto fail = [fd](ShmError error) {
         CloseDescriptor(fd);
         return error;
     };
     if (!LockShared(fd))
-        return fail(Failure(errno, "flock"));
+        return fail(Failure(errno, CreateFailed));
     if (ShmError error = ApplyRights(fd, rights); error.Failed())
         return fail(error);
     if (ShmError error = Reserve(fd, size); error.Failed())
         return fail(error);
     void* data = ::mmap(nullptr, static_cast<size_t>(size), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     if (data == MAP_FAILED)
-        return fail(Failure(errno, "mmap"));
+        return fail(Failure(errno, MapFailed));
     int linkError = EEXIST;
     for (int attempt = 0; attempt < MaxAttempts && linkError == EEXIST; ++attempt) {
         linkError = LinkIntoPlace(fd, path);
@@ -280,7 +286,7 @@ ShmError SharedMemoryBlock::Create(const std::string& key, uint64_t size, const 
     }
     if (linkError != 0) {
         ::munmap(data, static_cast<size_t>(size));
-        return fail(Failure(linkError, "linkat"));
+        return fail(Failure(linkError, CreateFailed));
     }
     m_data = data;
     m_size = size;
@@ -294,58 +300,58 @@ ShmError SharedMemoryBlock::Open(const std::string& key, bool writable) {
     Close();
     const std::string path = SharedMemoryPath(key);
     if (path.empty())
-        return Failure(EINVAL, "open");
+        return Failure(EINVAL, OpenFailed);
     for (int attempt = 0; attempt < MaxAttempts; ++attempt) {
         const int fd =
             ::open(path.c_str(), (writable ? O_RDWR : O_RDONLY) | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
         if (fd < 0)
-            return Failure(errno, "open");
+            return Failure(errno, OpenFailed);
         struct stat info {};
         if (::fstat(fd, &info) != 0) {
             const int code = errno;
             CloseDescriptor(fd);
-            return Failure(code, "fstat");
+            return Failure(code, OpenFailed);
         }
         if (!S_ISREG(info.st_mode)) {
             CloseDescriptor(fd);
-            return Failure(EINVAL, "open");
+            return Failure(EINVAL, OpenFailed);
         }
         if (::flock(fd, LOCK_EX | LOCK_NB) == 0) {
             // No holder: its last one died without removing it.
             UnlinkIfStillNamed(fd, path);
             CloseDescriptor(fd);
-            return Failure(ENOENT, "open");
+            return Failure(ENOENT, OpenFailed);
         }
         if (errno != EWOULDBLOCK || !LockShared(fd)) {
             const int code = errno;
             CloseDescriptor(fd);
-            return Failure(code, "flock");
+            return Failure(code, OpenFailed);
         }
         const int named = StillNamed(fd, path);
         if (named != 1) {
             const int code = errno;
             ReleaseHolder(fd, path);
             if (named < 0)
-                return Failure(code, "stat");
+                return Failure(code, OpenFailed);
             continue;  // its last holder removed it between our open and lock
         }
         // Re-read the size under the lock; the file is complete before it gets its name.
         if (::fstat(fd, &info) != 0) {
             const int code = errno;
             ReleaseHolder(fd, path);
-            return Failure(code, "fstat");
+            return Failure(code, OpenFailed);
         }
         // Not one of ours (those are never empty); mmap would refuse it.
         if (info.st_size <= 0) {
             ReleaseHolder(fd, path);
-            return Failure(EINVAL, "mmap");
+            return Failure(EINVAL, MapFailed);
         }
         const size_t size = static_cast<size_t>(info.st_size);
         void* data = ::mmap(nullptr, size, PROT_READ | (writable ? PROT_WRITE : 0), MAP_SHARED, fd, 0);
         if (data == MAP_FAILED) {
             const int code = errno;
             ReleaseHolder(fd, path);
-            return Failure(code, "mmap");
+            return Failure(code, MapFailed);
         }
         m_data = data;
         m_size = size;
@@ -354,7 +360,7 @@ ShmError SharedMemoryBlock::Open(const std::string& key, bool writable) {
         m_path = path;
         return {};
     }
-    return Failure(ENOENT, "open");
+    return Failure(ENOENT, OpenFailed);
 }
 
 void SharedMemoryBlock::Close() {
@@ -367,6 +373,12 @@ void SharedMemoryBlock::Close() {
     m_handle = -1;
     m_writable = false;
     m_path.clear();
+}
+
+void SharedMemoryBlock::Abandon() {
+    // Unmapped by the end of the process; the name goes with the last holder as in Close.
+    m_data = nullptr;
+    Close();
 }
 
 bool SharedMemoryBlock::IsSameObject(const SharedMemoryBlock& other) const {

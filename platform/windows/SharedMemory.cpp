@@ -259,6 +259,15 @@ void SharedMemoryBlock::Close() {
     m_path.clear();
 }
 
+void SharedMemoryBlock::Abandon() {
+    // The view and its handle go with the process, and the object with its last handle.
+    m_data = nullptr;
+    m_size = 0;
+    m_handle = -1;
+    m_writable = false;
+    m_path.clear();
+}
+
 bool SharedMemoryBlock::IsSameObject(const SharedMemoryBlock& other) const {
     if (m_handle < 0 || other.m_handle < 0)
         return false;

@@ -115,6 +115,8 @@ TEST(TraceModuleData, FilterChangesKeepToRegisteredBits) {
     EXPECT_FALSE(module.SetSeverity(Severity::Info));
     EXPECT_TRUE(module.SetSeverity(Severity::Error));
     EXPECT_EQ(module.GetFilterState(), 0x22u) << "bit 3 cleared, flags kept";
+    EXPECT_TRUE(module.SetSeverity(static_cast<Severity::Type>(12)));
+    EXPECT_EQ(module.GetFilterState(), 0x2Cu) << "stored as given: Info and bit 3";
 
     EXPECT_TRUE(module.SetSeverityMask(0xFFFFFFFF));
     EXPECT_EQ(module.GetFilterState(), 0x17u) << "unregistered flags and bit 3 dropped";

@@ -123,6 +123,14 @@ TEST(TraceBuffer, CreateResolvesSizesAndReportsFailures) {
     auto defaults = MakeBuffer(2, "Defaults", 0, 0);
     EXPECT_EQ(defaults->GetSizeOfModuleArray(), configuration.GetMaxNumberOfModules());
     EXPECT_EQ(defaults->GetRingBufferSize(), std::bit_ceil(configuration.GetTraceStreamSize()));
+    EXPECT_EQ(defaults->GetTimestampMode(), configuration.GetTimestampMode());
+
+    // Mode 0 asked for and configured stays 0: the header holds what was asked for.
+    const TimestampMode::Type configuredMode = configuration.GetTimestampMode();
+    configuration.SetTimestampMode(TimestampMode::NotSet);
+    auto unset = MakeBuffer(3, "NoMode");
+    configuration.SetTimestampMode(configuredMode);
+    EXPECT_EQ(unset->GetTimestampMode(), TimestampMode::NotSet);
 
     EXPECT_EQ(small->Create(1, Pid(), TimestampMode::FAST, "", "", "System", "App", "Small", 3, 0),
               TraceBuffer::AlreadyCreated);

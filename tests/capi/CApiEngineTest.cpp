@@ -51,6 +51,7 @@ Engine Create(const char* buffer, const char* module, unsigned moduleCount = 0, 
 }  // namespace
 
 TEST(CApiEngine, CreationFailuresAndTheirWarning) {
+    trace_config_set_max_buffers(3);  // before the registry exists: its capacity
     TraceEngine* untouched = reinterpret_cast<TraceEngine*>(0x1);
     testing::internal::CaptureStderr();
     EXPECT_EQ(trace_engine_create("Buf", "", 0, 0, true, &untouched, nullptr), 8);
@@ -85,6 +86,25 @@ TEST(CApiEngine, CreationFailuresAndTheirWarning) {
     trace_engine_set_severity(first, 6);
     EXPECT_EQ(trace_engine_get_severity(again), 6u);
     EXPECT_EQ(*sharedWord & 7u, 6u);
+
+    // A full registry is named, with its size, after code 2.
+    int fullAt = -1;
+    testing::internal::CaptureStderr();
+    for (int i = 0; i < 3 && fullAt < 0; ++i) {
+        TraceEngine* more = nullptr;
+        const int result =
+            trace_engine_create(("More" + std::to_string(i)).c_str(), "M", 0, 0, true, &more, nullptr);
+        if (result == 0)
+            engines.emplace_back(more);
+        else if (result == 2)
+            fullAt = i;
+    }
+    const std::string full = testing::internal::GetCapturedStderr();
+    EXPECT_GE(fullAt, 0);
+    EXPECT_NE(full.find("Error code 2: Cannot create buffer."), std::string::npos) << full;
+    EXPECT_NE(full.find("WARNING: The trace registry is full: all 3 buffers are in use (TRACE_MAX_BUFFERS=3"),
+              std::string::npos)
+        << full;
 
     for (unsigned code = 0; code <= 9; ++code)
         EXPECT_NE(std::string(trace_engine_error_text(code)), "") << code;
@@ -143,9 +163,12 @@ TEST(CApiEngine, FlagsAndSeverityInTheFilterWord) {
     EXPECT_FALSE(trace_engine_get_flag(engine, net));
     EXPECT_TRUE(trace_engine_set_flag(engine, net, true));
     EXPECT_EQ(*word, 3u | 1u << io | 1u << net);
-    // Unregistered and out-of-range bits are refused; severity bits never read as flags.
+    // Unregistered bits are refused; a bit narrows to a byte (260 is bit 4); severity bits never
+    // read as flags.
     EXPECT_FALSE(trace_engine_set_flag(engine, 6, true));
-    EXPECT_FALSE(trace_engine_set_flag(engine, 4 + 256, true));
+    EXPECT_TRUE(trace_engine_set_flag(engine, io, false));
+    EXPECT_TRUE(trace_engine_set_flag(engine, io + 256, true));
+    EXPECT_EQ(*word, 3u | 1u << io | 1u << net);
     EXPECT_FALSE(trace_engine_get_flag(engine, 1));
     EXPECT_TRUE(trace_engine_get_flag(engine, static_cast<unsigned char>(io + 32)));
 
@@ -155,6 +178,13 @@ TEST(CApiEngine, FlagsAndSeverityInTheFilterWord) {
     trace_engine_set_severity(engine, 0x47);
     EXPECT_EQ(trace_engine_get_severity(engine), 7u);
     EXPECT_EQ(*word, 0x47u | 1u << io | 1u << net);
+
+    // A creation severity is the module's filter word as given, flag bits included.
+    unsigned* rawWord = nullptr;
+    TraceEngine* raw = nullptr;
+    ASSERT_EQ(trace_engine_create("Buf", "Raw", 0, 0x14, false, &raw, &rawWord), 0);
+    Engine ownedRaw(raw);
+    EXPECT_EQ(*rawWord, 0x14u);
 
     testing::internal::CaptureStderr();
     EXPECT_EQ(trace_engine_register_flag_checked(engine, "", true), 0);
@@ -222,6 +252,13 @@ TEST(CApiEngine, OwnEnginesAndPrintMsg) {
         }
     }
     EXPECT_TRUE(found);
+
+    // The ring shortens what it writes, never the caller's message.
+    const std::string longText(4502, 'x');
+    TraceMessage message("long %1");
+    message.Add(longText);
+    Internal::PrintMsg(Severity::Warning, message, false);
+    EXPECT_EQ(message.Format(), "long " + longText);
 
     // The updater thread registers its start flag in its own module of the same buffer (the module
     // comes first, the flag a moment later).

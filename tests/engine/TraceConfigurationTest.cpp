@@ -70,36 +70,74 @@ TEST(TraceConfigurationFile, EnvironmentHidesTheFileEvenWhenEmpty) {
     EXPECT_EQ(noFile.GetShmPrefix(), "");
 }
 
+TEST(TraceConfigurationFile, IsReadFromADirectoryWithANonAsciiName) {
+    TempDir dir;
+    const fs::path directory = dir.path / fs::path(u8"Größe ✓ Конфиг");
+    fs::create_directory(directory);
+    std::ofstream(directory / "paxltrace.conf") << "TRACE_MAX_MODULES=7\n";
+    const std::u8string path = (directory / "paxltrace.conf").u8string();
+    const TraceConfigurationPrivate config([](const char*) -> const char* { return nullptr; },
+                                           std::string(path.begin(), path.end()));
+    EXPECT_EQ(config.GetMaxNumberOfModules(), 7u);
+}
+
 TEST(TraceConfigurationVariables, NumbersFollowUnsignedScanWithZeroKeptOnlyForWaitAndSwitches) {
     struct Case {
         const char* value;
-        unsigned size, modules, closeWait;
+        unsigned modules, closeWait;
         int switchValue;  // -1: not converted, the defaults stay
     };
-    // Sizes ignore 0 and garbage; the close wait and the switches take any converted number.
+    // Counts ignore 0 and garbage; the close wait and the switches take any converted number.
     const Case cases[] = {
-        {"-1", 4294967295u, 4294967295u, 4294967295u, 1},
-        {"0", 1048576u, 20u, 0u, 0},
-        {"abc", 1048576u, 20u, 150u, -1},
-        {"", 1048576u, 20u, 150u, -1},
-        {" 65536kB", 65536u, 65536u, 65536u, 1},
+        {"-1", 4294967295u, 4294967295u, 1}, {"0", 20u, 0u, 0}, {"abc", 20u, 150u, -1}, {"", 20u, 150u, -1},
+        {" 65536kB", 65536u, 65536u, 1},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.value);
-        const auto config = Load({{"TRACE_STREAM_SIZE", c.value},
-                                  {"TRACE_MAX_MODULES", c.value},
+        const auto config = Load({{"TRACE_MAX_MODULES", c.value},
                                   {"TRACE_BUFFER_CLOSE_WAIT_MS", c.value},
                                   {"TRACE_GLOBAL_ID", c.value},
                                   {"TRACE_LOCATION", c.value},
                                   {"TRACE_NO_WINSVC", c.value}},
-                                 "TRACE_STREAM_SIZE=77777\nTRACE_MAX_BUFFERS=" + std::string(c.value) + "\n");
-        EXPECT_EQ(config->GetTraceStreamSize(), c.size);
+                                 "TRACE_MAX_BUFFERS=" + std::string(c.value) + "\n");
         EXPECT_EQ(config->GetMaxNumberOfModules(), c.modules);
         EXPECT_EQ(config->GetMaxNumberOfBuffers(), c.modules == 20u ? 1000u : c.modules);
         EXPECT_EQ(config->GetBufferCloseWaitMs(), c.closeWait);
         EXPECT_EQ(config->GetGlobalTraceID(), c.switchValue != 0);
         EXPECT_EQ(config->GetTraceLocation(), c.switchValue == 1);
         EXPECT_EQ(config->GetNoWinSvc(), c.switchValue == 1);
+    }
+}
+
+TEST(TraceConfigurationVariables, StreamSizeOutOfRangeWarnsOnceAndTakesTheNearestSizeOrTheDefault) {
+    struct Case {
+        const char* value;
+        unsigned size;
+        bool warned;
+    };
+    const Case cases[] = {
+        {"65536", 65536u, false},        {" 65536kB", 65536u, false},
+        {"100000", 100000u, false},      {"2147483648", 0x80000000u, false},
+        {"0", 1048576u, false},          {"1", 16384u, true},
+        {"16383", 16384u, true},         {"2147483649", 1048576u, true},
+        {"99999999999", 1048576u, true}, {"-1", 1048576u, true},
+        {"abc", 1048576u, true},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.value);
+        testing::internal::CaptureStderr();
+        const auto config = Load({{"TRACE_STREAM_SIZE", c.value}}, "");
+        const std::string printed = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(config->GetTraceStreamSize(), c.size);
+        if (!c.warned) {
+            EXPECT_EQ(printed, "");
+            continue;
+        }
+        const size_t at = printed.find("TRACE_STREAM_SIZE=" + std::string(c.value) + " ");
+        ASSERT_NE(at, std::string::npos) << printed;
+        EXPECT_EQ(printed.find("TRACE_STREAM_SIZE", at + 1), std::string::npos) << "one warning: " << printed;
+        EXPECT_NE(printed.find(" " + std::to_string(c.size) + " bytes is used."), std::string::npos)
+            << printed;
     }
 }
 

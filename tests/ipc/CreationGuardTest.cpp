@@ -85,7 +85,7 @@ TEST(CreationGuard, OneHolderAtATimeAndNoFileAfterRelease) {
     const std::string name = ShmPrefix() + "GuardSem_V1";
     CreationGuard first(name);
     CreationGuard second(name);
-    EXPECT_EQ(first.Path(), "/dev/shm/" + name + ".lock");
+    EXPECT_EQ(first.Path(), "/dev/shm/" + name);
     ASSERT_EQ(first.TryAcquire(), CreationGuard::Attempt::Acquired);
     EXPECT_EQ(first.TryAcquire(), CreationGuard::Attempt::AlreadyHeld);
     EXPECT_EQ(second.TryAcquire(), CreationGuard::Attempt::Busy);
@@ -112,7 +112,7 @@ TEST(CreationGuard, LivesInTheGivenDirectoryUnderAnEscapedName) {
     ASSERT_NE(::mkdtemp(directory), nullptr);
     {
         CreationGuard guard("a/b\\c", std::string(directory) + "/");
-        EXPECT_EQ(guard.Path(), std::string(directory) + "/a%2Fb%5Cc.lock");
+        EXPECT_EQ(guard.Path(), std::string(directory) + "/a%2Fb%5Cc");
         ASSERT_EQ(guard.TryAcquire(), CreationGuard::Attempt::Acquired);
         EXPECT_TRUE(FileExists(guard.Path()));
     }

@@ -16,6 +16,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -184,22 +185,38 @@ TEST(TraceSharedMemory, StatesAndTheirErrorTexts) {
     EXPECT_EQ(memory.getKey(), "");
 }
 
-TEST(TraceSharedMemory, OtherOsErrorsComposeTheirTextOnce) {
-    TraceSharedMemory tooLong((ShmPrefix() + std::string(NAME_MAX, 'x')).c_str());
-    EXPECT_FALSE(tooLong.attach());
-    EXPECT_EQ(tooLong.error(), TraceSharedMemory::UnknownError);
-    const std::string expected =
-        "open: OS error " + std::to_string(ENAMETOOLONG) + ": " + std::strerror(ENAMETOOLONG);
-    EXPECT_EQ(tooLong.errorString(), expected);
-    EXPECT_EQ(tooLong.errorString(), expected) << "composed once, not appended to";
-
-    // A failure after the unnamed file exists leaves nothing behind.
-    const std::string key = ShmPrefix() + "Empty";
-    TraceSharedMemory empty(key.c_str());
+TEST(TraceSharedMemory, OtherOsErrorsNameTheFailedOperationWithTheSystemsErrorAndText) {
+    const std::string tooLong = ShmPrefix() + std::string(NAME_MAX, 'x');
+    const std::string emptyKey = ShmPrefix() + "Empty";
+    struct Case {
+        const char* what;
+        std::string key;
+        std::function<bool(TraceSharedMemory&)> run;
+        std::string expected;
+    };
+    const auto text = [](const char* function, int code) {
+        return std::string(function) + ": OS error " + std::to_string(code) + ": " + std::strerror(code);
+    };
+    const Case cases[] = {
+        {"attach", tooLong, [](TraceSharedMemory& m) { return m.attach(); },
+         text("OpenFileMapping", ENAMETOOLONG)},
+        {"create", tooLong, [](TraceSharedMemory& m) { return m.create(4096); },
+         text("CreateFileMapping", ENAMETOOLONG)},
+        {"create empty", emptyKey, [](TraceSharedMemory& m) { return m.create(0); },
+         text("CreateFileMapping", EINVAL)},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        TraceSharedMemory memory(c.key.c_str());
+        EXPECT_FALSE(c.run(memory));
+        EXPECT_EQ(memory.error(), TraceSharedMemory::UnknownError);
+        EXPECT_EQ(memory.errorString(), c.expected);
+        EXPECT_EQ(memory.errorString(), c.expected) << "composed once, not appended to";
+        // A failure after the unnamed file exists leaves nothing behind.
+        EXPECT_FALSE(Exists(c.key));
+    }
+    TraceSharedMemory empty(emptyKey.c_str());
     EXPECT_FALSE(empty.create(0));
-    EXPECT_EQ(empty.error(), TraceSharedMemory::UnknownError);
-    EXPECT_EQ(empty.errorString().rfind("fallocate: OS error " + std::to_string(EINVAL) + ": ", 0), 0u);
-    EXPECT_FALSE(Exists(key));
     EXPECT_TRUE(empty.create(1));
     EXPECT_EQ(empty.errorString(), "") << "success resets the error";
 }

@@ -184,11 +184,11 @@ TEST(TraceProfileSHMHandler, BlockHoldsHeaderAndImagesInVisitOrder) {
     sub->SetSeverity(5);
     sub->SetMaxModules(1);
     sub->SetTraceStreamSize(3000);
-    sub->SetTimestampMode(2);
+    sub->SetTimestampMode(7);  // values are kept as given, known or not
     TraceProfile::Module* alpha = sub->CreateModule("alpha");
     alpha->CreateFlag("f1")->SetEnabled(true);
     alpha->CreateFlag("f2");
-    sub->CreateModule("beta")->SetSeverity(6);
+    sub->CreateModule("beta")->SetSeverity(12);
     sub->CreateModule("gamma");
     application->CreateSubSystem("NoModules");
     application->CreateSubSystem("Plain")->CreateModule("m");
@@ -225,14 +225,17 @@ TEST(TraceProfileSHMHandler, BlockHoldsHeaderAndImagesInVisitOrder) {
     EXPECT_EQ(image->GetSizeOfModuleArray(), 3u);
     EXPECT_EQ(image->GetProfileSeverity(), 5u);
     EXPECT_EQ(image->GetProfileMaxModules(), 3u);  // raised to the modules it holds
-    EXPECT_EQ(image->GetTimestampMode(), TimestampMode::FAST);
+    EXPECT_EQ(image->GetTimestampMode(), 7u);
+    // Module IDs come from the image's counter, which a buffer copied from it carries on.
+    EXPECT_EQ(image->GetAtomicNextFreeModuleID().load(), 3);
 
     const TraceModuleData* module = nullptr;
     ASSERT_TRUE(Handler().FindModuleInSHM(&module, "App", "Sub", "alpha"));
     EXPECT_EQ(module->GetFilterState(), 5u | (1u << 4));  // the subsystem's severity, "f1" on
     EXPECT_TRUE(module->IsFlagRegistered(5));
     ASSERT_TRUE(Handler().FindModuleInSHM(&module, "App", "Sub", "beta"));
-    EXPECT_EQ(module->GetFilterState(), 6u);
+    EXPECT_EQ(module->GetFilterState(), 12u);
+    EXPECT_EQ(module->GetModuleID(), 1);
 }
 
 TEST(TraceProfileSHMHandler, BufferLookupFallsBackInOrderModuleLookupNever) {

@@ -167,6 +167,8 @@ TEST(TraceFormats, CsvRoundTripRestoresEveryColumn) {
             EXPECT_EQ(traces[i]->GetProcessID(), 42);
             EXPECT_EQ(traces[i]->GetThreadID(), 0x1fu);
             EXPECT_EQ(traces[i]->GetTimestampMode(), TimestampMode::PRECISE);
+            // The text read is the formatted message; the record has no message of its own.
+            EXPECT_EQ(traces[i]->GetMessageString(), "");
         }
         EXPECT_EQ(WriteCsv(traces, separator), text);
     }

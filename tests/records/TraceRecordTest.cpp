@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <memory>
+#include <sstream>
 #include <thread>
 #include <vector>
 
@@ -139,6 +141,15 @@ TEST(TraceRecord, BinaryTracesResolveOnceTheirTextIsKnown) {
     TraceIDTextMap::GetInstance().AddFile(std::move(file));
     t.RefreshBinaryTrace();
     EXPECT_EQ(t.GetFormattedMessage(), "3 of 7");
+
+    // Read back from a log: resolved into the formatted message, the message stays as read.
+    const std::string logged = "Binary trace ID '99' not found! Params:2 ;4:3;4:7;";
+    std::istringstream log("1|h|s|a|u|m|Info|f|t|p|" + logged + "\n");
+    std::vector<std::unique_ptr<Trace>> read;
+    Trace::ReadFromStream(log, read, 0, '|');
+    ASSERT_EQ(read.size(), 1u);
+    EXPECT_EQ(read[0]->GetFormattedMessage(), "3 of 7");
+    EXPECT_EQ(read[0]->GetMessageString(), logged);
     TraceIDTextMap::GetInstance().Clear();
 }
 

@@ -94,7 +94,7 @@ TEST(TraceRegistry, CreatorPublishesTheBlockAndReleasesTheGuard) {
     ASSERT_TRUE(view.Attach());
     EXPECT_EQ(view.data->GetInitializedFlag().load(), 1u);
     EXPECT_EQ(registry.GetSizeOfBufferArray(), 1000u);
-    EXPECT_EQ(access(("/dev/shm/" + GuardName() + ".lock").c_str(), F_OK), -1)
+    EXPECT_EQ(access(("/dev/shm/" + GuardName()).c_str(), F_OK), -1)
         << "the creation guard leaves no file behind";
 
     // The accessors work on the shared block itself.

@@ -102,5 +102,55 @@ TEST(ProfileFile, ErrorsNameTheirLineAndLeaveNoProfile) {
     EXPECT_EQ(errors[0].Message, "a module needs a name");
 }
 
+TEST(ProfileFile, DeepNestingAndMoreThanABufferHoldsAreErrorsWithTheirLine) {
+    const std::string subsystem = "[host.\"\".application.A.subsystem.S]\n";
+    auto modules = [](size_t count) {
+        std::string text;
+        for (size_t i = 0; i < count; ++i)
+            text += "module.m" + std::to_string(i) + " = {}\n";
+        return text;
+    };
+    auto flags = [](size_t count) {
+        std::string text = "module.M.flags = {";
+        for (size_t i = 0; i < count; ++i)
+            text += (i == 0 ? " f" : ", f") + std::to_string(i) + " = true";
+        return text + " }\n";
+    };
+    struct Case {
+        const char* what;
+        std::string text;
+        unsigned line;  // 0: accepted
+        const char* message;
+    };
+    auto repeat = [](const std::string& part, size_t count) {
+        std::string text;
+        for (size_t i = 0; i < count; ++i)
+            text += part;
+        return text;
+    };
+    const Case cases[] = {
+        {"dotted header", "# deep\n[a" + repeat(".a", 50000) + "]\n", 2, "dotted keys"},
+        {"dotted key", "\n\nx" + repeat(".a", 50000) + " = 1\n", 3, "dotted keys"},
+        {"arrays", "x = " + repeat("[", 50000) + "\n", 1, "arrays and tables"},
+        {"inline tables", "x = " + repeat("{a = ", 50000), 1, "arrays and tables"},
+        {"quoted dots", "[host.\"" + std::string(1000, '.') + "\"]\n", 0, ""},
+        {"28 flags", subsystem + flags(28), 0, ""},
+        {"29 flags", subsystem + flags(29), 2, "a module holds at most 28 flags, not 29"},
+        {"too many modules", subsystem + modules(65536), 2,
+         "a subsystem holds at most 65535 modules, not 65536"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        TraceProfile profile;
+        std::vector<ProfileError> errors;
+        EXPECT_EQ(ParseProfile(c.text, profile, errors), c.line == 0);
+        if (c.line == 0)
+            continue;
+        ASSERT_EQ(errors.size(), 1u);
+        EXPECT_EQ(errors[0].Line, c.line);
+        EXPECT_NE(errors[0].Message.find(c.message), std::string::npos) << errors[0].Message;
+    }
+}
+
 }  // namespace
 }  // namespace Tracing::Tool
