@@ -1,9 +1,11 @@
 #include "tools/ToolOs.h"
 
-// Winsock before windows.h, which would otherwise pull in the old winsock.h.
-#include <windows.h>
+// Winsock before windows.h, which would otherwise pull in the old winsock.h (kept in its own
+// block so that include sorting leaves the order alone).
 #include <winsock2.h>
 #include <ws2tcpip.h>
+
+#include <windows.h>
 
 #include <algorithm>
 #include <atomic>
