@@ -28,7 +28,11 @@ case "${1:-}" in
     export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$PWD/tests/support/tsan.supp"
     # The suites whose code runs on several threads or in several processes; the rest are
     # single-threaded parsers and formatters that the other builds cover.
-    select=(-L '^(stream|buffer|registry|reading|ipc|capi|cpphelpers|diagnostics|examples|tools)$')
+    # The lock's periodic-warning test waits for a warning printed after 200 timed passes, which
+    # the sanitizer's slowed-down waiter did not reach within its minute here; the plain and
+    # ASan runs keep it.
+    select=(-L '^(stream|buffer|registry|reading|ipc|capi|cpphelpers|diagnostics|examples|tools|lifetime)$'
+            -E 'LiveHolderBlocksWithPeriodicWarnings')
     ;;
   --clang)
     dir=build-clang

@@ -84,7 +84,7 @@ inline void CopyText(char* out, const char* in, size_t size) {
 // Length of a zero-terminated text. Short texts (almost every message and file name) are scanned
 // inline in aligned 16-byte blocks, which never cross a page, so reading past the terminator is
 // harmless; longer ones go to strlen.
-#if defined(__SSE2__) && !defined(__SANITIZE_ADDRESS__)
+#if defined(__SSE2__) && !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 inline size_t TextLength(const char* text) {
     const uintptr_t address = reinterpret_cast<uintptr_t>(text);
     const __m128i* block = reinterpret_cast<const __m128i*>(address & ~uintptr_t{15});
